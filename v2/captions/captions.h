@@ -1,0 +1,43 @@
+// The WebVTT caption path: cue settings, caption ingestion into the event
+// queue, and the encoding of one event as transport packets on PID 0x1FFE.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <string>
+
+#include "tolm_utils/webvtt.h"
+
+struct AVPacket;
+
+// A queued caption event: the cue, then its CEA-608 pairs and CEA-708 words
+// keyed by milliseconds on the cue clock.
+struct VPVTTEvent : WebVTTFileEvent_v1 {
+  cc608_map cc608;
+  cc708_map cc708;
+};
+
+// Replaces the cue's settings with the name:value pairs of `s`.
+void CueSettingsStringToVTTFileEvent(WebVTTFileEvent& cue, const std::string& s);
+
+// Events waiting for the output sink, oldest first.
+extern std::deque<VPVTTEvent> vtt_event_queue;
+constexpr size_t vtt_event_queue_limit = 131072;  // above this, cut to 256
+constexpr size_t vtt_event_queue_keep = 256;
+
+// Conversion state carried from cue to cue; main sets both to their start
+// value before anything else.
+extern WebVTTConvContext_v1 vtt_608_context;
+extern WebVTTConvContext_v1 vtt_708_context;
+
+// Builds the event for one WebVTT packet (times in milliseconds, not
+// rescaled) and appends it to vtt_event_queue.
+void ingest_caption_packet(const AVPacket* pkt);
+
+// Continuity counter of PID 0x1FFE; runs across the whole output.
+extern uint32_t vtt_ts_continuity;
+
+// Encodes `ev` as 188-byte packets on PID 0x1FFE. Sets `size` to their total
+// length and returns a pointer to them, valid until the next call.
+const unsigned char* vtt_event_ts_encode(const VPVTTEvent& ev, size_t& size);

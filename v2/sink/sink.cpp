@@ -1,0 +1,1 @@
+#include "v2/sink/sink.h"
