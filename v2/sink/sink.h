@@ -19,6 +19,14 @@ struct my_avio_ctx {
   int take_data(const uint8_t* src, size_t len);
 };
 
+// While set, the sink stages bytes without writing them to standard output:
+// the relay driver holds back what the muxer writes with its header until
+// the optional HTTP response head is out, so that the head comes first.
+extern bool sink_output_held;
+
+// Writes out the bytes held so far (waits bounded as for any emptying).
+void sink_release_output(my_avio_ctx& ctx);
+
 // True when n is a multiple of 188 and every 188th byte from 0 is 0x47.
 bool is_whole_ts_packets(const uint8_t* buf, size_t n);
 
