@@ -1,0 +1,89 @@
+#!/bin/bash
+# Starts local sources on 127.0.0.1, relays them with pelvane and shows what
+# came out. Usage: demo.sh BUILD_DIR
+set -euo pipefail
+top=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+build=$top/${1:-build/sys}
+bin=$build/v2/pelvane
+cc_bin=$build/v2/pelvane-cc
+demo=$top/build/demo
+py=/usr/bin/python3
+peers=$top/tests/integration/peers.py
+export PELVANE_MEDIA=$top/build/media PELVANE_WORK=$demo/work
+mkdir -p "$demo" "$PELVANE_WORK"
+
+peer_pids=()
+cleanup() {
+  for p in "${peer_pids[@]}"; do kill -TERM "$p" 2>/dev/null || true; done
+  wait 2>/dev/null || true
+}
+trap cleanup EXIT
+
+# start_peer NAME ARGS...: runs a peer in the background; its URL ends up in $demo/NAME.url
+start_peer() {
+  local name=$1
+  shift
+  rm -f "$demo/$name.url"
+  "$py" "$@" >"$demo/$name.url" 2>"$demo/$name.log" &
+  peer_pids+=($!)
+  for _ in $(seq 150); do
+    [ -s "$demo/$name.url" ] && return 0
+    sleep 0.2
+  done
+  echo "the $name source did not start:"
+  cat "$demo/$name.log"
+  exit 1
+}
+
+section() { printf '\n\033[1m== %s ==\033[0m\n' "$*"; }
+
+show_output() {  # FILE HEAD_BYTES
+  local f=$1 head=$2
+  echo "-- $(stat -c %s "$f") bytes on standard output"
+  if [ "$head" -gt 0 ]; then
+    echo "-- response head:"
+    head -c "$head" "$f" | sed 's/^/   | /'
+    tail -c +"$((head + 1))" "$f" >"$f.body"
+    f=$f.body
+  fi
+  echo "-- ffprobe's view:"
+  ffprobe -v error -show_entries stream=index,codec_name,codec_type,width,height,sample_rate \
+    -of compact=p=0 "$f" | awk 'NF && !seen[$0]++ { print "   " $0 }'
+  local errs
+  errs=$(ffmpeg -nostdin -v error -i "$f" -f null - 2>&1 | head -5)
+  echo "-- decoding it with ffmpeg: ${errs:-no errors}"
+}
+
+section "HTTP source: Matroska with H.264 and AAC, relayed with --mime-type"
+start_peer http "$peers" http
+url=$(head -n1 "$demo/http.url")
+echo "\$ pelvane --mime-type --url $url"
+"$bin" --mime-type --url "$url" >"$demo/http.ts" 2>"$demo/http.err" || true
+echo "-- standard error:"
+grep -v '^    ' "$demo/http.err" | sed 's/^/   | /'
+show_output "$demo/http.ts" 42
+
+section "RTMP source: nginx with its RTMP module, fed in real time by the ffmpeg tool"
+start_peer rtmp "$peers" rtmp
+url=$(head -n1 "$demo/rtmp.url")
+echo "\$ pelvane --url $url   (stopped with SIGINT after 6 seconds)"
+timeout -s INT 6 "$bin" --url "$url" >"$demo/rtmp.ts" 2>"$demo/rtmp.err" || true
+echo "-- standard error (last lines):"
+grep -v '^    ' "$demo/rtmp.err" | tail -n 8 | sed 's/^/   | /'
+show_output "$demo/rtmp.ts" 0
+
+section "Fragmented MP4 from the same RTMP source (--mp4 --mime-type)"
+timeout -s INT 5 "$bin" --mp4 --mime-type --url "$url" >"$demo/rtmp.mp4" 2>"$demo/rtmp-mp4.err" || true
+show_output "$demo/rtmp.mp4" 41
+echo "-- top-level boxes: $("$py" -c '
+import sys
+d = open(sys.argv[1], "rb").read()
+i, out = 0, []
+while i + 8 <= len(d):
+    n = int.from_bytes(d[i:i+4], "big"); out.append(d[i+4:i+8].decode("latin-1"))
+    if n < 8: break
+    i += n
+print(" ".join(out[:12]) + (" ..." if len(out) > 12 else ""))' "$demo/rtmp.mp4.body")"
+
+echo
+echo "Outputs are in $demo"
