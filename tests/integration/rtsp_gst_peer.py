@@ -1,0 +1,88 @@
+#!/usr/bin/python3
+"""GStreamer RTSP server on 127.0.0.1 for the RTSP probe's tests (Debian's python3-gi with
+gir1.2-gst-rtsp-server-1.0; run it with /usr/bin/python3).
+
+Mounts, each a live test picture with a fresh pipeline per client (so the first frame a client
+gets is a key frame):
+  /h264      H.264 as RTP payload type 96
+  /ts-sessc  H.264 in MPEG-TS as RTP payload type 33, its description rewritten to carry a
+             session-level c=IN IP4 127.0.0.1, no media-level c= and m=video 5000: a server
+             that asks for the unicast redirect (GStreamer never writes a session c= itself)
+
+usage: rtsp_gst_peer.py PORT [PORT...]   one server per port, same mounts on each.
+Prints "ready" once every port listens, then one line per SETUP request:
+"SETUP <url> <Transport header>".
+"""
+
+import sys
+
+import gi
+gi.require_version('Gst', '1.0')
+gi.require_version('GstRtsp', '1.0')
+gi.require_version('GstRtspServer', '1.0')
+from gi.repository import GLib, Gst, GstRtsp, GstRtspServer  # noqa: E402
+
+# Before any subclass of a GStreamer type is made: the media class's signals
+# name GStreamer types that must be registered first.
+Gst.init(None)
+
+VIDEO = ('videotestsrc is-live=true pattern=ball ! video/x-raw,width=320,height=240,framerate=25/1 '
+         '! x264enc tune=zerolatency speed-preset=ultrafast key-int-max=25 bitrate=400 '
+         '! h264parse config-interval=-1')
+LAUNCH = {
+    '/h264': '( %s ! rtph264pay name=pay0 pt=96 )' % VIDEO,
+    '/ts-sessc': '( %s ! mpegtsmux alignment=7 ! rtpmp2tpay name=pay0 pt=33 )' % VIDEO,
+}
+
+
+class SessionConnectionMedia(GstRtspServer.RTSPMedia):
+    """Rewrites the description: session-level c= line, no media-level c=, port 5000."""
+
+    def do_setup_sdp(self, sdp, info):
+        ok = GstRtspServer.RTSPMedia.do_setup_sdp(self, sdp, info)
+        if ok:
+            sdp.set_connection('IN', 'IP4', '127.0.0.1', 1, 1)
+            for i in range(sdp.medias_len()):
+                m = sdp.get_media(i)
+                while m.connections_len() > 0:
+                    m.remove_connection(0)
+                m.set_port_info(5000 + 2 * i, 1)
+        return ok
+
+
+def on_setup(client, ctx):
+    found, transport = ctx.request.get_header(GstRtsp.RTSPHeaderField.TRANSPORT, 0)
+    print('SETUP %s %s' % (ctx.uri.get_request_uri(), transport if found == GstRtsp.RTSPResult.OK
+                           else '-'), flush=True)
+
+
+def on_client(server, client):
+    client.connect('pre-setup-request', lambda c, ctx: on_setup(c, ctx) or GstRtsp.RTSPStatusCode.OK)
+
+
+def serve(port):
+    server = GstRtspServer.RTSPServer()
+    server.set_address('127.0.0.1')
+    server.set_service(str(port))
+    mounts = server.get_mount_points()
+    for path, launch in LAUNCH.items():
+        f = GstRtspServer.RTSPMediaFactory()
+        f.set_launch(launch)
+        f.set_shared(False)
+        if path == '/ts-sessc':
+            f.set_media_gtype(SessionConnectionMedia.__gtype__)
+        mounts.add_factory(path, f)
+    server.connect('client-connected', on_client)
+    if server.attach(None) == 0:
+        sys.exit('cannot listen on 127.0.0.1:%s' % port)
+    return server
+
+
+def main():
+    servers = [serve(int(p)) for p in sys.argv[1:]]  # noqa: F841 (kept alive for the loop)
+    print('ready', flush=True)
+    GLib.MainLoop().run()
+
+
+if __name__ == '__main__':
+    main()
