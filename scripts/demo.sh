@@ -85,5 +85,22 @@ while i + 8 <= len(d):
     i += n
 print(" ".join(out[:12]) + (" ..." if len(out) > 12 else ""))' "$demo/rtmp.mp4.body")"
 
+section "RTSP server whose video is MPEG-TS over RTP: pelvane answers with a redirect"
+if [ "$(id -u)" = 0 ] && ! ss -Hltn 'sport = :554' | grep -q .; then
+  # The answer needs the server address without a port, so the scripted
+  # server listens on the standard RTSP port.
+  start_peer rtsp "$top/tests/integration/rtsp_peer.py" --host 127.0.0.1 --port 554 --answer mcast
+  url=$(head -n1 "$demo/rtsp.url")
+  echo "\$ pelvane --url $url"
+  status=0
+  "$bin" --url "$url" >"$demo/rtsp.out" 2>"$demo/rtsp.err" || status=$?
+  echo "-- standard error (from 'Looks like'):"
+  sed -n '/^Looks like/,$p' "$demo/rtsp.err" | grep -v -- '^---' | sed 's/^/   | /' | head -n 20
+  echo "-- standard output, exit status $status (CR shown as ^M):"
+  cat -A "$demo/rtsp.out" | sed 's/^/   | /'
+else
+  echo "(skipped: needs root and a free 127.0.0.1:554)"
+fi
+
 echo
 echo "Outputs are in $demo"
