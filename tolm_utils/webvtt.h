@@ -52,6 +52,8 @@ struct molvar_rational {
 
 // State a converter carries from one cue to the next (26 bytes, packed).
 // Start value: counter 0, pending_target -1, tag 0xFFFF, the rest zero.
+// Packed, so a field may sit at any address: copy it out (uint64_t{ctx.f})
+// before anything takes it by reference, as std::min and std::max do.
 #pragma pack(push, 1)
 struct WebVTTConvContext_v1 {
   uint32_t counter;
