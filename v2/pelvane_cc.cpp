@@ -1,2 +1,123 @@
-// Placeholder until the caption dump tool lands.
-int main() { return 0; }
+// pelvane-cc: reads an MPEG transport stream written by pelvane on standard
+// input and prints its caption events: one JSON object per line, or with
+// --srt the CEA-608 captions decoded back into SRT. Problems found in the
+// stream go to standard error; reading goes on.
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "v2/captions/caption_event_json.h"
+#include "v2/captions/caption_event_reader.h"
+#include "v2/captions/cc608_decoder.h"
+
+namespace {
+
+const char usage_text[] =
+    "usage: pelvane-cc [--srt] < stream.ts\n"
+    "  Prints the caption events (PID 0x1FFE, \"MOLVAR:VTT\") of a transport stream\n"
+    "  read on standard input, one JSON object per line.\n"
+    "  --srt  decode the CEA-608 captions (CC1) instead and print them as SRT\n";
+
+// Turns the CEA-608 pairs of successive events into SRT. Events overlap in
+// time (an event's pairs load before the previous caption's erase), so pairs
+// wait here and are decoded in time order: the pairs earlier than the first
+// pair of a new event are complete.
+struct srt_writer {
+  cc608_decoder decoder;
+  std::multimap<int64_t, std::pair<uint8_t, uint8_t>> waiting;
+  size_t cues_written = 0;
+};
+
+// Decodes and prints the waiting pairs earlier than `limit`; a null limit
+// means the end of the data: every pair, then what is still on screen.
+void decode_before(srt_writer& s, const int64_t* limit) {
+  std::vector<srt_cue> cues;
+  auto it = s.waiting.begin();
+  for (; it != s.waiting.end() && (!limit || it->first < *limit); ++it)
+    cc608_decode_pair(s.decoder, it->first, it->second.first, it->second.second, cues);
+  s.waiting.erase(s.waiting.begin(), it);
+  if (!limit) cc608_decode_finish(s.decoder, cues);
+  for (const srt_cue& cue : cues) fputs(srt_block(++s.cues_written, cue).c_str(), stdout);
+}
+
+void srt_take_event(srt_writer& s, const caption_event_record& ev) {
+  if (ev.cc608.empty()) return;
+  decode_before(s, &ev.cc608.front().time_ms);
+  for (const caption_pair_at& p : ev.cc608) s.waiting.emplace(p.time_ms, std::make_pair(p.b0, p.b1));
+}
+
+void report_problems(const std::vector<std::string>& problems) {
+  for (const std::string& p : problems) fprintf(stderr, "%s\n", p.c_str());
+}
+
+void print_events(const caption_read_output& found, bool srt, srt_writer& s) {
+  report_problems(found.problems);
+  for (const caption_event_record& ev : found.events) {
+    if (srt)
+      srt_take_event(s, ev);
+    else
+      printf("%s\n", caption_event_json(ev).c_str());
+  }
+  fflush(stdout);
+}
+
+// 0: run; 1: bad arguments; 2: help asked for.
+int parse_arguments(int argc, char** argv, bool& srt) {
+  srt = false;
+  for (int i = 1; i < argc; ++i) {
+    if (strcmp(argv[i], "--help") == 0 || strcmp(argv[i], "-h") == 0) return 2;
+    if (strcmp(argv[i], "--srt") == 0 && !srt) {
+      srt = true;
+      continue;
+    }
+    fprintf(stderr, "pelvane-cc: unexpected argument '%s'\n", argv[i]);
+    return 1;
+  }
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  bool srt = false;
+  const int args = parse_arguments(argc, argv, srt);
+  if (args != 0) {
+    fputs(usage_text, stderr);
+    return args == 2 ? 0 : 1;
+  }
+
+  ts_splitter splitter;
+  caption_stream_reader reader;
+  srt_writer srt_out;
+  std::vector<unsigned char> chunk(1 << 16);
+  for (;;) {
+    // read(), not fread(): a live stream's events are printed as they come.
+    const ssize_t got = read(0, chunk.data(), chunk.size());
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) {
+      fprintf(stderr, "pelvane-cc: failed to read standard input: %s\n", strerror(errno));
+      return 1;
+    }
+    const size_t n = static_cast<size_t>(got);
+    const bool eof = n == 0;
+    std::vector<ts_packet> packets;
+    std::vector<std::string> problems;
+    ts_split(splitter, chunk.data(), n, eof, packets, problems);
+    report_problems(problems);
+    caption_read_output found;
+    for (const ts_packet& pkt : packets) caption_reader_take(reader, pkt.data(), found);
+    if (eof) caption_reader_finish(reader, found);
+    print_events(found, srt, srt_out);
+    if (eof) break;
+  }
+  if (srt) {
+    decode_before(srt_out, nullptr);
+    fflush(stdout);
+  }
+  return 0;
+}

@@ -1,0 +1,106 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <optional>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+}
+
+#include "tests/unit/test_support.h"
+#include "v2/captions/captions.h"
+
+namespace {
+
+using side_data = std::vector<std::pair<AVPacketSideDataType, std::string>>;
+
+// Ingests one caption packet as the demuxer delivers it; `payload` nullopt: no data at all.
+void ingest(std::optional<std::string> payload, int64_t pts, int64_t duration, const side_data& sides = {}) {
+  AVPacket* pkt = av_packet_alloc();
+  if (payload) {
+    ASSERT_EQ(av_new_packet(pkt, static_cast<int>(payload->size())), 0);
+    memcpy(pkt->data, payload->data(), payload->size());
+  }
+  pkt->pts = pts;
+  pkt->duration = duration;
+  for (const auto& [type, value] : sides) {
+    uint8_t* d = av_packet_new_side_data(pkt, type, value.size());
+    ASSERT_NE(d, nullptr);
+    memcpy(d, value.data(), value.size());
+  }
+  ingest_caption_packet(pkt);
+  av_packet_free(&pkt);
+}
+
+void reset_caption_state() {
+  vtt_event_queue.clear();
+  vtt_608_context = webvtt_conv_context_start();
+  vtt_708_context = webvtt_conv_context_start();
+}
+
+TEST(CaptionIngest, OneEventPerPacket) {
+  const struct {
+    const char* name;
+    std::optional<std::string> payload;
+    int64_t pts;
+    side_data sides;
+    bool queued;
+    std::string identifier;
+    std::map<std::string, std::string> settings;
+  } cases[] = {
+      {"identifier and settings", "Hello", 1000,
+       {{AV_PKT_DATA_WEBVTT_IDENTIFIER, "c1"}, {AV_PKT_DATA_WEBVTT_SETTINGS, "align:start line:90%"}}, true, "c1",
+       {{"align", "start"}, {"line", "90%"}}},
+      {"no side data", "Hi", 5, {}, true, "", {}},
+      {"side data of size 0", "Hi", 5, {{AV_PKT_DATA_WEBVTT_IDENTIFIER, ""}, {AV_PKT_DATA_WEBVTT_SETTINGS, ""}},
+       true, "", {}},
+      {"no presentation time", "Hi", AV_NOPTS_VALUE, {}, true, "", {}},
+      {"empty payload", "", 5, {{AV_PKT_DATA_WEBVTT_IDENTIFIER, "c1"}}, false, "", {}},
+      {"no payload", std::nullopt, 5, {{AV_PKT_DATA_WEBVTT_IDENTIFIER, "c1"}}, false, "", {}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    reset_caption_state();
+    ingest(c.payload, c.pts, 2000, c.sides);
+    ASSERT_EQ(vtt_event_queue.size(), c.queued ? 1u : 0u);
+    if (!c.queued) continue;
+    const VPVTTEvent& ev = vtt_event_queue.front();
+    EXPECT_EQ(ev.start.count(), c.pts);
+    EXPECT_EQ(ev.end.count(), c.pts + 2000);
+    EXPECT_EQ(ev.identifier, c.identifier);
+    EXPECT_EQ(ev.settings, c.settings);
+    EXPECT_EQ(ev.text, *c.payload);
+
+    // The conversions are the converters' own for this cue from their start state.
+    WebVTTConvContext_v1 ctx608 = webvtt_conv_context_start(), ctx708 = webvtt_conv_context_start();
+    const vtt_cue_map one{{ev.start, static_cast<const WebVTTFileEvent_v1&>(ev)}};
+    cc608_map cc608;
+    cc708_map cc708;
+    WebVTTTo608(cc608, {1000, 1}, false, WebVTTFile_v1(), one.cbegin(), one.cend(), 1, ctx608);
+    WebVTTTo708(cc708, {1000, 1}, false, WebVTTFile_v1(), one.cbegin(), one.cend(), 1, ctx708, {30000, 1001});
+    EXPECT_EQ(ev.cc608.size(), cc608.size());
+    EXPECT_EQ(ev.cc708.size(), cc708.size());
+    EXPECT_EQ(memcmp(&vtt_608_context, &ctx608, sizeof ctx608), 0);
+    EXPECT_EQ(memcmp(&vtt_708_context, &ctx708, sizeof ctx708), 0);
+  }
+}
+
+TEST(CaptionIngest, QueueOverrunKeepsTheNewest) {
+  reset_caption_state();
+  vtt_event_queue.resize(131072);
+  for (size_t i = 0; i < vtt_event_queue.size(); ++i) vtt_event_queue[i].start = std::chrono::milliseconds(i);
+  const struct {
+    const char* message;
+    size_t size_after;
+  } steps[] = {{"", 131073}, {"VTT event queue overrun (count=131073)\n", 257}, {"", 258}};
+  for (const auto& step : steps) {
+    stderr_capture err;
+    ingest("cue", 200000, 10);
+    EXPECT_EQ(err.take(), step.message);
+    EXPECT_EQ(vtt_event_queue.size(), step.size_after);
+  }
+  EXPECT_EQ(vtt_event_queue.front().start.count(), 131072 - 255);  // the 256 newest were kept
+  vtt_event_queue.clear();
+}
+
+}  // namespace
