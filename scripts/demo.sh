@@ -85,6 +85,18 @@ while i + 8 <= len(d):
     i += n
 print(" ".join(out[:12]) + (" ..." if len(out) > 12 else ""))' "$demo/rtmp.mp4.body")"
 
+section "Captions: Matroska with H.264, AAC and a WebVTT track (cue identifiers and settings)"
+vtt_mkv=$(cd "$top/tests/integration" && "$py" -c 'import harness; print(harness.media_path("h264_aac_vtt.mkv"))')
+start_peer captions "$peers" http --media "$vtt_mkv"
+url=$(head -n1 "$demo/captions.url")
+echo "-- the cues in the source:"
+ffmpeg -nostdin -v error -i "$vtt_mkv" -map 0:s:0 -c:s copy -f webvtt - | sed 's/^/   | /'
+echo "\$ pelvane --url $url | pelvane-cc --srt"
+"$bin" --url "$url" 2>"$demo/captions.err" | tee "$demo/captions.ts" | "$cc_bin" --srt | sed 's/^/   | /'
+echo "-- the first caption event as pelvane-cc prints it (CEA-608/708 data shortened):"
+"$cc_bin" <"$demo/captions.ts" | head -n1 | cut -c1-400 | sed 's/^/   | /'
+show_output "$demo/captions.ts" 0
+
 section "RTSP server whose video is MPEG-TS over RTP: pelvane answers with a redirect"
 if [ "$(id -u)" = 0 ] && ! ss -Hltn 'sport = :554' | grep -q .; then
   # The answer needs the server address without a port, so the scripted
