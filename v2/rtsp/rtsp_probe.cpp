@@ -25,13 +25,16 @@ std::string find_control_interface(const in_addr& server) {
     int fd = static_cast<int>(strtol(entry->d_name, nullptr, 10));
     struct stat st;
     if (fstat(fd, &st) != 0 || !S_ISSOCK(st.st_mode)) continue;
-    sockaddr_in peer;
+    sockaddr_in peer{};
     socklen_t len = sizeof peer;
     if (getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &len) != 0) continue;
+    // Only an IPv4 peer has an address to compare: a local (AF_UNIX) or IPv6
+    // socket fills other fields, or none, where sin_addr would be read.
+    if (peer.sin_family != AF_INET || len != sizeof peer) continue;
     // The server address carries no port: only the 4-byte address counts.
     if (peer.sin_addr.s_addr != server.s_addr) continue;
     fprintf(stderr, "Found CURL socket. Good.\n");
-    sockaddr_in local;
+    sockaddr_in local{};
     len = sizeof local;
     if (getsockname(fd, reinterpret_cast<sockaddr*>(&local), &len) != 0) continue;
     char text[INET_ADDRSTRLEN];

@@ -1,0 +1,105 @@
+// WebVTTTo608 and WebVTTTo708 over runs of cues built from the input, each
+// converted on its own as caption ingestion does it, with both conversion
+// contexts carried from cue to cue. Most runs use the relay's arguments
+// (milliseconds, pop-on, channel/service 1, 29.97 fps); some try others.
+//
+// Checked: every CEA-608 byte carries odd parity; every CEA-708 word is a
+// DTVCC packet start (0xFF) or packet data (0xFE) triplet; keys stay far
+// inside 64 bits; one cue never makes a runaway amount of data.
+#include <fuzzer/FuzzedDataProvider.h>
+
+#include <bit>
+#include <cstdint>
+
+#include "fuzz/fuzz_support.h"
+#include "v2/captions/captions.h"
+
+namespace {
+
+constexpr uint64_t key_limit = uint64_t(1) << 62;
+constexpr size_t max_pairs_per_cue = 1 << 14;
+constexpr size_t max_words_per_cue = 1 << 16;
+
+int64_t cue_time(FuzzedDataProvider& in) {
+  switch (in.ConsumeIntegralInRange<int>(0, 7)) {
+    case 0:
+      return in.ConsumeIntegral<int64_t>();  // anything, the extremes included
+    case 1:
+      return INT64_MIN;  // a packet without pts
+    case 2:
+      return -in.ConsumeIntegralInRange<int64_t>(0, 100000);
+    default:
+      return in.ConsumeIntegralInRange<int64_t>(0, 4000000);
+  }
+}
+
+molvar_rational<long> rational(FuzzedDataProvider& in) {
+  return {in.ConsumeIntegral<long>(), in.ConsumeIntegral<long>()};
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  fuzz_quiet_stderr();
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  FuzzedDataProvider in(data, size);
+  WebVTTConvContext_v1 ctx608 = webvtt_conv_context_start();
+  WebVTTConvContext_v1 ctx708 = webvtt_conv_context_start();
+  const bool relay_arguments = in.ConsumeIntegralInRange<int>(0, 7) != 0;
+  molvar_rational<long> unit{1000, 1};
+  molvar_rational<long> rate{30000, 1001};
+  unsigned channel = 1;
+  bool roll_up = false;
+  if (!relay_arguments) {
+    unit = rational(in);
+    rate = rational(in);
+    channel = in.ConsumeIntegralInRange<unsigned>(0, 8);
+    roll_up = in.ConsumeBool();
+  }
+
+  const int cues = in.ConsumeIntegralInRange<int>(1, 8);
+  int64_t last_start = 0;
+  for (int i = 0; i < cues && in.remaining_bytes() > 0; ++i) {
+    WebVTTFileEvent_v1 cue;
+    // Mostly in order, as a live source sends them; sometimes anywhere.
+    const int64_t start =
+        in.ConsumeBool()
+            ? cue_time(in)
+            : static_cast<int64_t>(static_cast<uint64_t>(last_start) +
+                                   static_cast<uint64_t>(in.ConsumeIntegralInRange<int64_t>(-2000, 20000)));
+    last_start = start;
+    cue.start = std::chrono::milliseconds(start);
+    const int64_t length =
+        in.ConsumeBool() ? in.ConsumeIntegral<int64_t>() : in.ConsumeIntegralInRange<int64_t>(0, 10000);
+    cue.end = std::chrono::milliseconds(
+        static_cast<int64_t>(static_cast<uint64_t>(start) + static_cast<uint64_t>(length)));
+    cue.identifier = in.ConsumeRandomLengthString(64);
+    CueSettingsStringToVTTFileEvent(cue, in.ConsumeRandomLengthString(128));
+    cue.text = in.ConsumeRandomLengthString(4096);
+
+    const WebVTTFile_v1 file;
+    vtt_cue_map one_cue;
+    one_cue.emplace(cue.start, cue);
+    cc608_map cc608;
+    cc708_map cc708;
+    WebVTTTo608(cc608, unit, roll_up, file, one_cue.cbegin(), one_cue.cend(), channel, ctx608);
+    WebVTTTo708(cc708, unit, roll_up, file, one_cue.cbegin(), one_cue.cend(), channel, ctx708, rate);
+
+    FUZZ_CHECK(cc608.size() <= max_pairs_per_cue);
+    for (const auto& [key, pair] : cc608) {
+      FUZZ_CHECK(key < key_limit);
+      FUZZ_CHECK(std::popcount(pair.b[0]) % 2 == 1 && std::popcount(pair.b[1]) % 2 == 1);
+    }
+    size_t words = 0;
+    for (const auto& [key, list] : cc708) {
+      FUZZ_CHECK(key < key_limit);
+      for (const q7ro_cea708_word& w : list) FUZZ_CHECK(w.type == 0xFF || w.type == 0xFE);
+      words += list.size();
+    }
+    FUZZ_CHECK(words <= max_words_per_cue);
+  }
+  return 0;
+}
