@@ -1,13 +1,6 @@
-"""Shared machinery for pelvane's integration tests (Python 3 stdlib only).
-
-- free ports on 127.0.0.1 and `wait_listen`, which asks `ss` and never connects
-  (a connect would use up a single-client listener such as ffmpeg's `listen=1`);
-- processes started in their own process group, killed with their group on clean-up,
-  always, and killed by the kernel if the test process itself dies;
-- test media generated once with the ffmpeg tool into $PELVANE_MEDIA, under a lock;
-- `run_pelvane` / `start_pelvane`;
-- readers of the relay's output: whole transport packets, ffprobe streams and packets,
-  per-stream dts order, first video packet key, a clean decode, MP4 top-level boxes.
+"""Shared machinery for pelvane's integration tests (Python 3 stdlib only): free ports, processes
+that never outlive a test, test media generated once, running pelvane, sanitizer reports, and
+readers of the relay's output.
 
 Environment (set by ctest): PELVANE_BIN, PELVANE_CC_BIN, PELVANE_WORK (scratch dir),
 PELVANE_MEDIA (generated-media cache shared by every test run and build).
@@ -28,7 +21,8 @@ import threading
 import time
 import unittest
 
-REPO = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+HERE = os.path.dirname(os.path.abspath(__file__))
+REPO = os.path.dirname(os.path.dirname(HERE))
 BIN = os.environ.get('PELVANE_BIN') or os.path.join(REPO, 'build', 'sys', 'v2', 'pelvane')
 CC_BIN = os.environ.get('PELVANE_CC_BIN') or os.path.join(REPO, 'build', 'sys', 'v2', 'pelvane-cc')
 MEDIA = os.environ.get('PELVANE_MEDIA') or os.path.join(REPO, 'build', 'media')
@@ -39,18 +33,12 @@ MIME_HEAD_TS = b'HTTP/1.0 200 OK\nContent-Type: video/mp2t\n\n'
 MIME_HEAD_MP4 = b'HTTP/1.0 200 OK\nContent-Type: video/mp4\n\n'
 
 
-def _remove_own_work_dir(path):
-    stop_all()
-    shutil.rmtree(path, ignore_errors=True)
-
-
 def work_dir():
-    """Scratch directory of this test process (created on first use; a temporary one,
-    removed at exit, when PELVANE_WORK is not set)."""
+    """Scratch directory (a temporary one, removed at exit, when PELVANE_WORK is not set)."""
     global _work
     if not _work:
         _work = tempfile.mkdtemp(prefix='pelvane-itest-')
-        atexit.register(_remove_own_work_dir, _work)
+        atexit.register(lambda path=_work: (stop_all(), shutil.rmtree(path, ignore_errors=True)))
     os.makedirs(_work, exist_ok=True)
     return _work
 
@@ -62,43 +50,48 @@ def scratch(name):
     return os.path.join(d, name)
 
 
-# ---------------------------------------------------------------- ports
+def _read(path, text=False):
+    with open(path, 'rb') as f:
+        data = f.read()
+    return data.decode('utf-8', 'replace') if text else data
+
+
+def write_file(path, data):
+    with open(path, 'wb') as f:
+        f.write(data)
+    return path
+
+
+def file_size(path):
+    return os.path.getsize(path) if os.path.exists(path) else 0
+
+
+# ---------------------------------------------------------------- ports and waiting
 
 def free_port():
-    """A TCP port on 127.0.0.1 that nothing listens on right now."""
-    with socket.socket(socket.AF_INET, socket.SOCK_STREAM) as s:
+    with socket.socket() as s:
         s.bind(('127.0.0.1', 0))
         return s.getsockname()[1]
 
 
 def is_listening(port):
-    out = subprocess.run(['ss', '-Hltn', 'sport = :%d' % port], capture_output=True,
-                         text=True, timeout=10).stdout
-    return 'LISTEN' in out
-
-
-def wait_listen(port, timeout=10.0, proc=None):
-    """Wait until something listens on 127.0.0.1:port. Never connects to it.
-
-    With `proc`, give up early when that process has ended."""
-    deadline = time.monotonic() + timeout
-    while time.monotonic() < deadline:
-        if is_listening(port):
-            return True
-        if proc is not None and proc.poll() is not None:
-            return False
-        time.sleep(0.05)
-    return False
+    return 'LISTEN' in subprocess.run(['ss', '-Hltn', 'sport = :%d' % port], capture_output=True,
+                                      text=True, timeout=10).stdout
 
 
 def wait_for(predicate, timeout, step=0.05):
     """Poll predicate() until it is true or timeout seconds pass; returns its last value."""
     deadline = time.monotonic() + timeout
-    while True:
-        v = predicate()
-        if v or time.monotonic() >= deadline:
-            return v
+    while not (v := predicate()) and time.monotonic() < deadline:
         time.sleep(step)
+    return v
+
+
+def wait_listen(port, timeout=10.0, proc=None):
+    """Wait until something listens on 127.0.0.1:port, asking `ss`: a connect would use up a
+    single-client listener such as ffmpeg's listen=1. Gives up early when `proc` has ended."""
+    wait_for(lambda: is_listening(port) or (proc is not None and not proc.running()), timeout)
+    return is_listening(port)
 
 
 # ---------------------------------------------------------------- processes
@@ -108,45 +101,33 @@ _live_lock = threading.Lock()
 
 
 class Proc:
-    """A child process in its own process group.
+    """A child in its own process group, stopped with its group on clean-up and killed by the
+    kernel (setpriv --pdeathsig) if the thread that started it dies."""
 
-    It gets SIGKILL from the kernel if the thread that started it dies (setpriv
-    --pdeathsig), so nothing outlives a test run that was itself killed."""
-
-    def __init__(self, argv, name=None, stdin=subprocess.DEVNULL, stdout=None, stderr=None,
-                 log_path=None, env=None):
+    def __init__(self, argv, name=None, stdin=subprocess.DEVNULL, stdout=None, stderr=None, log_path=None, env=None):
         self.name = name or os.path.basename(argv[0])
-        self.argv = list(argv)
         self.log_path = log_path
-        self._log = None
-        if log_path and stdout is None:
-            self._log = open(log_path, 'ab')
-            stdout = self._log
-            if stderr is None:
-                stderr = subprocess.STDOUT
-        self.popen = subprocess.Popen(['setpriv', '--pdeathsig', 'KILL', '--'] + self.argv,
-                                      stdin=stdin, stdout=stdout, stderr=stderr,
-                                      start_new_session=True, env=env)
+        self._log = open(log_path, 'ab') if log_path and stdout is None else None
+        if self._log:
+            stdout, stderr = self._log, stderr or subprocess.STDOUT
+        self.popen = subprocess.Popen(['setpriv', '--pdeathsig', 'KILL', '--'] + list(argv), stdin=stdin,
+                                      stdout=stdout, stderr=stderr, start_new_session=True, env=env)
         self.pid = self.popen.pid
         self.started = time.monotonic()
         with _live_lock:
             _live_procs.add(self)
 
-    def poll(self):
-        return self.popen.poll()
-
     def running(self):
         return self.popen.poll() is None
 
     def wait(self, timeout):
-        """Exit status, or None when it is still running after timeout seconds."""
+        """Exit status (-N for signal N), or None when still running after timeout seconds."""
         try:
             return self.popen.wait(timeout=timeout)
         except subprocess.TimeoutExpired:
             return None
 
     def send(self, sig):
-        """Signal this process only (not its group)."""
         if self.running():
             os.kill(self.pid, sig)
 
@@ -157,7 +138,7 @@ class Proc:
             pass
 
     def stop(self, grace=3.0):
-        """End the whole process group: SIGTERM (and SIGCONT for a stopped one), then SIGKILL."""
+        """SIGTERM (and SIGCONT, for a stopped one) to the group, then SIGKILL; returns the status."""
         if self.running():
             self.send_group(signal.SIGTERM)
             self.send_group(signal.SIGCONT)
@@ -165,20 +146,16 @@ class Proc:
                 self.send_group(signal.SIGKILL)
                 self.wait(5)
         for f in (self.popen.stdin, self.popen.stdout, self.popen.stderr, self._log):
-            if f:
-                try:
-                    f.close()
-                except OSError:
-                    pass
+            try:
+                f and f.close()
+            except OSError:
+                pass
         with _live_lock:
             _live_procs.discard(self)
         return self.popen.returncode
 
     def log_text(self):
-        if not self.log_path or not os.path.exists(self.log_path):
-            return ''
-        with open(self.log_path, 'rb') as f:
-            return f.read().decode('utf-8', 'replace')
+        return _read(self.log_path, True) if self.log_path and os.path.exists(self.log_path) else ''
 
 
 def stop_all():
@@ -189,9 +166,7 @@ def stop_all():
 
 
 atexit.register(stop_all)
-
-# Runs that end by SIGABRT are expected here: no core files.
-resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
+resource.setrlimit(resource.RLIMIT_CORE, (0, 0))  # runs that end by SIGABRT are expected here
 
 
 # ---------------------------------------------------------------- media
@@ -209,6 +184,11 @@ def _tone(rate=48000, freq=440):
     return ['-f', 'lavfi', '-i', 'sine=frequency=%d:sample_rate=%d' % (freq, rate)]
 
 
+def text_recipe(text):
+    """A recipe that writes `text` itself."""
+    return lambda out: write_file(out, text.encode()) and None
+
+
 SUBS_VTT = """WEBVTT
 
 cue-1
@@ -223,20 +203,10 @@ Second cue with <b>bold</b>
 Third cue, no identifier
 """
 
-
-def _text_recipe(text):
-    def build(out):
-        with open(out, 'w') as f:
-            f.write(text)
-        return None
-    return build
-
-
-# name -> function(output path) returning ffmpeg arguments (input side and codecs) or None
-# when the function wrote the file itself. Short clips, small sizes, fast presets.
+# name -> function(output path) returning the ffmpeg tool's arguments before the output, or None
+# when it wrote the file itself. Short clips, small sizes, fast presets.
 MEDIA_RECIPES = {
-    'subs.vtt': _text_recipe(SUBS_VTT),
-    # H.264 640x360 + AAC 48 kHz stereo: the everyday source.
+    'subs.vtt': text_recipe(SUBS_VTT),
     'h264_aac.mkv': lambda out: (_video('640x360') + _tone() + ['-t', '5'] + _x264()
                                  + ['-c:a', 'aac', '-b:a', '96k', '-ac', '2']),
     'h264_aac_vtt.mkv': lambda out: (['-i', media_path('h264_aac.mkv'), '-i', media_path('subs.vtt'),
@@ -253,10 +223,10 @@ MEDIA_RECIPES = {
     'hevc_aac.mkv': lambda out: (_video('640x360') + _tone() + ['-t', '3', '-c:v', 'libx265', '-preset',
                                  'ultrafast', '-x265-params', 'log-level=error:keyint=25',
                                  '-pix_fmt', 'yuv420p', '-c:a', 'aac', '-b:a', '64k']),
-    # AAC 44.1 kHz stereo (0) + AAC 48 kHz mono (1): the higher rate wins.
+    # AAC 44.1 kHz stereo (0) + AAC 48 kHz mono (1).
     'aac_two_rates.mkv': lambda out: (_tone(44100) + _tone(48000, 880) + ['-t', '3', '-map', '0',
                                       '-map', '1', '-c:a', 'aac', '-b:a', '64k', '-ac:0', '2', '-ac:1', '1']),
-    # AAC 48 kHz mono (0) + AAC 48 kHz stereo (1): a tie keeps the lower index.
+    # AAC 48 kHz mono (0) + AAC 48 kHz stereo (1).
     'aac_equal_rates.mkv': lambda out: (_tone(48000) + _tone(48000, 880) + ['-t', '3', '-map', '0',
                                         '-map', '1', '-c:a', 'aac', '-b:a', '64k', '-ac:0', '1', '-ac:1', '2']),
     'vtt_only.mkv': lambda out: ['-i', media_path('subs.vtt'), '-c:s', 'copy'],
@@ -282,51 +252,37 @@ def media_path(name):
     if os.path.exists(path):
         return path
     os.makedirs(MEDIA, exist_ok=True)
-    recipe = MEDIA_RECIPES[name]
     with open(os.path.join(MEDIA, '.%s.lock' % name), 'w') as lock:
         fcntl.flock(lock, fcntl.LOCK_EX)
-        if os.path.exists(path):
-            return path
-        tmp = os.path.join(MEDIA, '.tmp-%d-%s' % (os.getpid(), name))
-        args = recipe(tmp)
-        if args is not None:
-            cmd = ['ffmpeg', '-hide_banner', '-nostdin', '-loglevel', 'error', '-y'] + args + [tmp]
-            r = subprocess.run(cmd, capture_output=True, text=True, timeout=300)
-            if r.returncode != 0:
-                if os.path.exists(tmp):
-                    os.unlink(tmp)
-                raise RuntimeError('generating %s failed: %s\n%s' % (name, ' '.join(cmd), r.stderr))
-        os.replace(tmp, path)
+        if not os.path.exists(path):
+            tmp = os.path.join(MEDIA, '.tmp-%d-%s' % (os.getpid(), name))
+            args = MEDIA_RECIPES[name](tmp)
+            if args is not None:
+                cmd = ['ffmpeg', '-hide_banner', '-nostdin', '-loglevel', 'error', '-y'] + args + [tmp]
+                r = subprocess.run(cmd, capture_output=True, text=True, timeout=300)
+                if r.returncode != 0:
+                    raise RuntimeError('generating %s failed: %s\n%s' % (name, ' '.join(cmd), r.stderr))
+            os.replace(tmp, path)
     return path
 
 
 # ---------------------------------------------------------------- running pelvane
 
 class Run:
-    """Outcome of one pelvane run."""
+    """Outcome of one pelvane run: status (-N when ended by signal N), stdout bytes, stderr text,
+    seconds elapsed, arguments."""
 
     def __init__(self, status, stdout, stderr, elapsed, argv):
-        self.status = status      # exit status, or -N when ended by signal N
-        self.stdout = stdout      # bytes
-        self.stderr = stderr      # text
-        self.elapsed = elapsed    # seconds
-        self.argv = argv
+        self.status, self.stdout, self.stderr, self.elapsed, self.argv = status, stdout, stderr, elapsed, argv
 
     def describe(self):
         return 'pelvane %s -> status %s after %.2f s, %d bytes on stdout; stderr:\n%s' % (
             ' '.join(self.argv), self.status, self.elapsed, len(self.stdout), self.stderr[-4000:])
 
 
-def _read(path, text=False):
-    with open(path, 'rb') as f:
-        data = f.read()
-    return data.decode('utf-8', 'replace') if text else data
-
-
 def run_pelvane(args, timeout=60, stdin=subprocess.DEVNULL, tag='run'):
-    """Run pelvane to its end with stdout and stderr captured in files (no pipe can fill up).
-
-    Raises TimeoutError (after killing it) when it is still running after timeout seconds."""
+    """Run pelvane to its end, stdout and stderr in files (no pipe can fill up). Raises
+    TimeoutError (after killing it) when it is still running after timeout seconds."""
     out_path, err_path = scratch(tag + '.out'), scratch(tag + '.err')
     with open(out_path, 'wb') as out, open(err_path, 'wb') as err:
         p = Proc([BIN] + list(args), name='pelvane', stdin=stdin, stdout=out, stderr=err)
@@ -340,49 +296,56 @@ def run_pelvane(args, timeout=60, stdin=subprocess.DEVNULL, tag='run'):
     return run
 
 
-def start_pelvane(args, stdout=None, tag='live'):
-    """Start pelvane and return (Proc, stdout path or None, stderr path).
+class Started:
+    """A pelvane started in the background: proc, out_path (None when stdout was given), err_path."""
 
-    stdout: None sends it to a file in the scratch dir; subprocess.PIPE gives the caller a
-    pipe to read (or not read) through proc.popen.stdout."""
-    err_path = scratch(tag + '.err')
-    _watch_stderr(err_path, ' '.join(args))
-    out_path = None
-    err = open(err_path, 'wb')
-    if stdout is None:
-        out_path = scratch(tag + '.out')
-        stdout = open(out_path, 'wb')
-    p = Proc([BIN] + list(args), name='pelvane', stdout=stdout, stderr=err)
-    err.close()
-    if out_path:
-        stdout.close()
-    return p, out_path, err_path
+    def __init__(self, args, stdout=None, tag='live'):
+        self.args, self.err_path = list(args), scratch(tag + '.err')
+        watch_stderr(self.err_path, ' '.join(args))
+        self.out_path = None if stdout is not None else scratch(tag + '.out')
+        with open(self.err_path, 'wb') as err, open(self.out_path or os.devnull, 'wb') as out:
+            self.proc = Proc([BIN] + self.args, name='pelvane', stdout=stdout or out, stderr=err)
+
+    def stderr(self):
+        return _read(self.err_path, True)
+
+    def output_reaches(self, n, timeout):
+        """Waits until n bytes have come out while it runs; True if so."""
+        return wait_for(lambda: file_size(self.out_path) >= n or not self.proc.running(), timeout) and \
+            self.proc.running()
+
+    def finish(self, timeout=10, sig=None):
+        """Sends sig (if any), waits, stops it; a Run whose elapsed counts from the signal."""
+        t0 = time.monotonic()
+        if sig is not None:
+            self.proc.send(sig)
+        self.proc.wait(timeout)
+        elapsed = time.monotonic() - t0
+        self.proc.stop()
+        return Run(self.proc.popen.returncode, _read(self.out_path) if self.out_path else b'', self.stderr(),
+                   elapsed, self.args)
 
 
 def vm_hwm_kib(pid):
     """Peak resident set size of a live process in KiB (VmHWM), or None."""
     try:
         with open('/proc/%d/status' % pid) as f:
-            for line in f:
-                if line.startswith('VmHWM:'):
-                    return int(line.split()[1])
-    except OSError:
-        pass
-    return None
+            return next(int(line.split()[1]) for line in f if line.startswith('VmHWM:'))
+    except (OSError, StopIteration):
+        return None
 
 
 # ---------------------------------------------------------------- sanitizer reports
 
-# In a build with AddressSanitizer and UndefinedBehaviorSanitizer a fault shows up as a report on
-# the binary's standard error; the exit status alone cannot tell it from a failure exit (1).
+# Under AddressSanitizer/UndefinedBehaviorSanitizer a fault shows as a report on the binary's
+# standard error; the exit status alone cannot tell it from a failure exit (1).
 SANITIZER_MARKS = ('ERROR: AddressSanitizer', 'ERROR: LeakSanitizer', 'runtime error:')
-
 _sanitizer_findings = []
 _watched_stderr = {}  # stderr path of a started pelvane -> its arguments
 
 
 def sanitizer_report(text):
-    """The sanitizer report in a pelvane stderr transcript (from its first mark on), or None."""
+    """The sanitizer report in a stderr transcript (from the line of its first mark on), or None."""
     hits = [text.find(m) for m in SANITIZER_MARKS if m in text]
     if not hits:
         return None
@@ -391,8 +354,7 @@ def sanitizer_report(text):
 
 
 def note_sanitizer_report(text, what):
-    report = sanitizer_report(text)
-    if report:
+    if report := sanitizer_report(text):
         _sanitizer_findings.append('pelvane %s:\n%s' % (what, report))
 
 
@@ -402,13 +364,12 @@ def _check_watched(path):
         note_sanitizer_report(_read(path, text=True), what)
 
 
-def _watch_stderr(path, what):
+def watch_stderr(path, what):
     _check_watched(path)  # an earlier run's transcript is read before it is overwritten
     _watched_stderr[path] = what
 
 
 def take_sanitizer_findings():
-    """Every sanitizer report of the pelvane runs since the last call (started runs included)."""
     for path in list(_watched_stderr):
         _check_watched(path)
     found = list(_sanitizer_findings)
@@ -416,13 +377,15 @@ def take_sanitizer_findings():
     return found
 
 
-def sanitized_build():
-    """True when the binary under test was built with AddressSanitizer."""
+def _ldd():
     try:
-        out = subprocess.run(['ldd', BIN], capture_output=True, text=True, timeout=30).stdout
-    except OSError:
-        return False
-    return 'libasan' in out
+        return subprocess.run(['ldd', BIN], capture_output=True, text=True, timeout=30).stdout
+    except OSError as e:
+        return 'ldd failed: %s' % e
+
+
+def sanitized_build():
+    return 'libasan' in _ldd()
 
 
 class _SanitizerAwareResult(unittest.TextTestResult):
@@ -433,8 +396,7 @@ class _SanitizerAwareResult(unittest.TextTestResult):
         super().startTest(test)
 
     def stopTest(self, test):
-        found = take_sanitizer_findings()
-        if found:
+        if found := take_sanitizer_findings():
             try:
                 raise AssertionError('sanitizer report from the binary under test:\n' + '\n'.join(found))
             except AssertionError:
@@ -445,26 +407,19 @@ class _SanitizerAwareResult(unittest.TextTestResult):
 # ---------------------------------------------------------------- output readers
 
 def ts_framing_problem(data, allow_partial_tail=False):
-    """None when data is whole 188-byte transport packets, else what is wrong.
-
-    allow_partial_tail accepts a cut last packet: a stop signal may end the output in
-    the middle of a muxer write."""
-    if not data:
-        return 'no transport stream bytes'
-    whole = len(data) - len(data) % TS_PACKET
+    """None when data is whole 188-byte transport packets, else what is wrong. allow_partial_tail
+    accepts a cut last packet: a stop signal may end the output inside a muxer write."""
+    if len(data) < TS_PACKET:
+        return 'not one whole transport packet (%d bytes)' % len(data)
     if len(data) % TS_PACKET and not allow_partial_tail:
         return 'length %d is not a multiple of 188 (%d left over)' % (len(data), len(data) % TS_PACKET)
-    for off in range(0, len(data), TS_PACKET):
-        if data[off] != 0x47:
-            return 'byte at offset %d is 0x%02x, not the 0x47 sync byte' % (off, data[off])
-    if whole == 0:
-        return 'not one whole transport packet'
-    return None
+    bad = next((off for off in range(0, len(data), TS_PACKET) if data[off] != 0x47), None)
+    return None if bad is None else 'byte at offset %d is 0x%02x, not the 0x47 sync byte' % (bad, data[bad])
 
 
 def ffprobe_json(path, *entries):
-    cmd = ['ffprobe', '-v', 'error', '-of', 'json'] + list(entries) + [path]
-    r = subprocess.run(cmd, capture_output=True, text=True, timeout=120)
+    r = subprocess.run(['ffprobe', '-v', 'error', '-of', 'json'] + list(entries) + [path],
+                       capture_output=True, text=True, timeout=120)
     if r.returncode != 0:
         raise AssertionError('ffprobe failed on %s: %s' % (path, r.stderr))
     return json.loads(r.stdout or '{}')
@@ -475,17 +430,14 @@ def ffprobe_streams(path):
 
 
 def ffprobe_packets(path):
-    return ffprobe_json(path, '-show_entries',
-                        'packet=stream_index,codec_type,dts,pts,flags,size').get('packets', [])
+    return ffprobe_json(path, '-show_entries', 'packet=stream_index,codec_type,dts,pts,flags,size').get('packets', [])
 
 
 def dts_problems(packets):
     """Messages for every packet whose dts is missing or does not exceed its stream's previous one."""
-    last = {}
-    problems = []
+    last, problems = {}, []
     for n, p in enumerate(packets):
-        s = p.get('stream_index')
-        dts = p.get('dts')
+        s, dts = p.get('stream_index'), p.get('dts')
         if dts is None:
             problems.append('packet %d of stream %s has no dts' % (n, s))
             continue
@@ -493,13 +445,6 @@ def dts_problems(packets):
             problems.append('stream %s: dts %d after %d (packet %d)' % (s, dts, last[s], n))
         last[s] = dts
     return problems
-
-
-def first_video_packet_is_key(packets):
-    for p in packets:
-        if p.get('codec_type') == 'video':
-            return p.get('flags', '').startswith('K')
-    return False
 
 
 def decode_errors(path):
@@ -510,47 +455,33 @@ def decode_errors(path):
     publisher's seam) then rounds two frames onto one tick, which it reports as an error of
     its own null muxer, not of decoding. Time stamp order is checked by dts_problems."""
     r = subprocess.run(['ffmpeg', '-nostdin', '-hide_banner', '-v', 'error', '-i', path,
-                        '-enc_time_base', '-1', '-f', 'null', '-'],
-                       capture_output=True, text=True, timeout=180)
+                        '-enc_time_base', '-1', '-f', 'null', '-'], capture_output=True, text=True, timeout=180)
     return (r.stdout + r.stderr).strip()
 
 
 def h264_stream_head(path, n=4):
     """First n bytes of the output's H.264 elementary stream as stored (copied, not decoded)."""
-    r = subprocess.run(['ffmpeg', '-nostdin', '-v', 'error', '-i', path, '-map', '0:v:0', '-c', 'copy',
-                        '-frames:v', '1', '-f', 'data', 'pipe:1'], capture_output=True, timeout=60)
-    return r.stdout[:n]
+    return subprocess.run(['ffmpeg', '-nostdin', '-v', 'error', '-i', path, '-map', '0:v:0', '-c', 'copy',
+                           '-frames:v', '1', '-f', 'data', 'pipe:1'], capture_output=True, timeout=60).stdout[:n]
 
 
 def mp4_top_boxes(data):
     """Top-level MP4 box types in order; a box that runs past the end is named with a '!' suffix."""
-    boxes = []
-    off = 0
+    boxes, off = [], 0
     while off + 8 <= len(data):
-        size = int.from_bytes(data[off:off + 4], 'big')
-        kind = data[off + 4:off + 8].decode('latin-1')
-        hdr = 8
+        size, kind, hdr = int.from_bytes(data[off:off + 4], 'big'), data[off + 4:off + 8].decode('latin-1'), 8
         if size == 1 and off + 16 <= len(data):
-            size = int.from_bytes(data[off + 8:off + 16], 'big')
-            hdr = 16
+            size, hdr = int.from_bytes(data[off + 8:off + 16], 'big'), 16
         elif size == 0:
             size = len(data) - off
         if size < hdr or off + size > len(data):
-            boxes.append(kind + '!')
-            break
+            return boxes + [kind + '!']
         boxes.append(kind)
         off += size
     return boxes
 
 
-def write_file(path, data):
-    with open(path, 'wb') as f:
-        f.write(data)
-    return path
-
-
 class RelayChecks(unittest.TestCase):
-    """Assertions over a relay's standard output."""
 
     def assertRelayTs(self, run_or_data, codecs, head=None, allow_partial_tail=False, name='out'):
         """Checks a relayed MPEG-TS: optional exact head, whole packets, the expected codecs (as
@@ -561,36 +492,24 @@ class RelayChecks(unittest.TestCase):
         if head is not None:
             self.assertEqual(data[:len(head)], head, 'response head\n' + ctx)
             data = data[len(head):]
-        problem = ts_framing_problem(data, allow_partial_tail)
-        self.assertIsNone(problem, ctx)
+        self.assertIsNone(ts_framing_problem(data, allow_partial_tail), ctx)
         path = write_file(scratch(name + '.ts'), data)
-        streams = ffprobe_streams(path)
-        self.assertEqual(sorted(s.get('codec_name') for s in streams), sorted(codecs),
+        self.assertEqual(sorted(s.get('codec_name') for s in ffprobe_streams(path)), sorted(codecs),
                          'streams in output\n' + ctx)
         packets = ffprobe_packets(path)
         self.assertTrue(packets, 'no packets in output\n' + ctx)
         self.assertEqual(dts_problems(packets)[:5], [], ctx)
-        if any(c in ('h264', 'mpeg2video', 'mpeg1video') for c in codecs):
-            self.assertTrue(first_video_packet_is_key(packets), 'first video packet is not key\n' + ctx)
+        if {'h264', 'mpeg2video', 'mpeg1video'} & set(codecs):
+            first = next(p for p in packets if p.get('codec_type') == 'video')
+            self.assertTrue(first.get('flags', '').startswith('K'), 'first video packet is not key\n' + ctx)
         self.assertEqual(decode_errors(path), '', 'decoding the output\n' + ctx)
         return packets
 
 
-# ---------------------------------------------------------------- reporting
-
-def ffmpeg_build_line():
-    """Which libavformat the binary under test loads."""
-    try:
-        out = subprocess.run(['ldd', BIN], capture_output=True, text=True, timeout=30).stdout
-    except OSError as e:
-        return 'ldd failed: %s' % e
-    lines = [l.strip() for l in out.splitlines() if 'avformat' in l]
-    return lines[0] if lines else 'no libavformat in ldd output of %s' % BIN
-
-
 def main():
     """Entry point of every test file: say which FFmpeg the binary uses, then run the tests."""
-    sys.stderr.write('pelvane under test: %s\nFFmpeg: %s\n' % (BIN, ffmpeg_build_line()))
+    avformat = [line.strip() for line in _ldd().splitlines() if 'avformat' in line]
+    sys.stderr.write('pelvane under test: %s\nFFmpeg: %s\n' % (BIN, avformat[0] if avformat else 'no libavformat?'))
     sys.stderr.flush()
     try:
         unittest.main(verbosity=2, testRunner=unittest.TextTestRunner(resultclass=_SanitizerAwareResult,

@@ -1,17 +1,12 @@
 #!/usr/bin/python3
 """GStreamer RTSP server on 127.0.0.1 for the RTSP probe's tests (Debian's python3-gi with
-gir1.2-gst-rtsp-server-1.0; run it with /usr/bin/python3).
-
-Mounts, each a live test picture with a fresh pipeline per client (so the first frame a client
-gets is a key frame):
+gir1.2-gst-rtsp-server-1.0): usage rtsp_gst_peer.py PORT [PORT...], the same mounts on each port,
+each a live test picture with a fresh pipeline per client (so its first frame is a key frame):
   /h264      H.264 as RTP payload type 96
-  /ts-sessc  H.264 in MPEG-TS as RTP payload type 33, its description rewritten to carry a
-             session-level c=IN IP4 127.0.0.1, no media-level c= and m=video 5000: a server
-             that asks for the unicast redirect (GStreamer never writes a session c= itself)
-
-usage: rtsp_gst_peer.py PORT [PORT...]   one server per port, same mounts on each.
-Prints "ready" once every port listens, then one line per SETUP request:
-"SETUP <url> <Transport header>".
+  /ts-sessc  H.264 in MPEG-TS as payload type 33, its description rewritten to carry a session-level
+             c=IN IP4 127.0.0.1, no media-level c= and port 5000: a server that asks for the unicast
+             redirect (GStreamer never writes a session c= itself)
+Prints "ready" once every port listens, then "SETUP <url> <Transport header>" per SETUP request.
 """
 
 import sys

@@ -1,31 +1,13 @@
 #!/usr/bin/python3
-"""Scripted RTSP responder for pelvane's RTSP probe: canned answers to OPTIONS, DESCRIBE and
-SETUP (and 200 to anything else), CSeq echoed as libcurl expects. It sends no media.
+"""Scripted RTSP responder for pelvane's RTSP probe: canned answers to OPTIONS, DESCRIBE and SETUP
+(200 to anything else), CSeq echoed as libcurl expects, no media. The first path segment of the
+request URL names the answer in ANSWERS (rtsp://127.0.0.1/ucast); an unknown one gets --answer.
 
-The first path segment of the request URL names the canned answer (rtsp://127.0.0.1/ucast);
-an unknown one gets the --answer default. Answers:
-
-  mcast        session-level c=IN IP4 239.255.0.1, m=video 5000 RTP/AVP 33: a redirect
-  ucast        the same with c=IN IP4 127.0.0.1 (a unicast redirect)
-  port70000    mcast with m=video 70000 (beyond 16 bits)
-  pt96         c= as mcast, but the video is H.264 as payload type 96: no redirect
-  ttl          c=IN IP4 239.255.0.1/64: the address does not convert, no redirect
-  no-teardown  OPTIONS' Public header lacks TEARDOWN
-  wrong-type   DESCRIBE answers Content-Type application/sdp; charset=utf-8
-  no-length    DESCRIBE answers without Content-Length (and closes after the body)
-  notfound     DESCRIBE answers 404 Not Found
-  setup-fails  mcast, but SETUP answers 461 Unsupported Transport
-  garbage      every request gets a line that is not RTSP, then the connection closes
-
-With --record FILE every request is appended to FILE as one JSON line: connection number,
-method, URL and headers. With --once a connection whose first request names a path that an
-earlier connection asked for gets 404 to everything: the probe owns the first connection, and
-the relay's own RTSP client that may come after it gives up at once instead of waiting for
-media that never comes.
-
-Standalone (for the demo): /usr/bin/python3 rtsp_peer.py --host 127.0.0.1 --port 554
---answer mcast serves until killed; it prints its URL once it listens (without the port
-when it is 554).
+--record FILE appends every request to FILE as a JSON line (connection number, method, URL,
+headers). --once answers 404 to everything on a connection whose first request names a path an
+earlier connection asked for: the probe owns the first connection, and the relay's own RTSP
+client that may come after it gives up at once instead of waiting for media that never comes.
+Standalone (for the demo) it prints its URL once it listens, without the port when it is 554.
 """
 
 import argparse
@@ -47,19 +29,20 @@ def sdp(address, port=5000, fmt=33, track=TS_TRACK):
 
 MCAST = sdp('239.255.0.1')
 
-# name -> what differs from a plain redirect-worthy answer
+# name -> what differs from a plain redirect-worthy answer (session-level c=IN IP4 239.255.0.1,
+# m=video 5000 RTP/AVP 33)
 ANSWERS = {
     'mcast': {},
-    'ucast': {'sdp': sdp('127.0.0.1')},
-    'port70000': {'sdp': sdp('239.255.0.1', port=70000)},
+    'ucast': {'sdp': sdp('127.0.0.1')},                    # a unicast redirect
+    'port70000': {'sdp': sdp('239.255.0.1', port=70000)},  # port beyond 16 bits
     'pt96': {'sdp': sdp('239.255.0.1', fmt=96, track='a=rtpmap:96 H264/90000\r\na=control:trackID=1\r\n')},
-    'ttl': {'sdp': sdp('239.255.0.1/64')},
+    'ttl': {'sdp': sdp('239.255.0.1/64')},                 # the address does not convert: no redirect
     'no-teardown': {'public': 'OPTIONS, DESCRIBE, SETUP, PLAY'},
     'wrong-type': {'content_type': 'application/sdp; charset=utf-8'},
-    'no-length': {'length': False},
+    'no-length': {'length': False},                        # and the connection closes after the body
     'notfound': {'describe_status': '404 Not Found'},
     'setup-fails': {'setup_status': '461 Unsupported Transport'},
-    'garbage': {'garbage': True},
+    'garbage': {'garbage': True},                          # a line that is not RTSP, then close
 }
 
 
@@ -69,12 +52,8 @@ class Peer(socketserver.ThreadingMixIn, socketserver.TCPServer):
 
     def __init__(self, address, default_answer, record_path=None, once=False):
         super().__init__(address, Handler)
-        self.default_answer = default_answer
-        self.record_path = record_path
-        self.once = once
-        self.lock = threading.Lock()
-        self.connections = itertools.count(1)
-        self.paths_seen = set()
+        self.default_answer, self.record_path, self.once = default_answer, record_path, once
+        self.lock, self.connections, self.paths_seen = threading.Lock(), itertools.count(1), set()
 
     def record(self, entry):
         if not self.record_path:
@@ -86,7 +65,7 @@ class Peer(socketserver.ThreadingMixIn, socketserver.TCPServer):
         with self.lock:
             seen = path in self.paths_seen
             self.paths_seen.add(path)
-            return not seen
+        return not seen
 
 
 def url_path(url):
@@ -100,23 +79,15 @@ def url_path(url):
 class Handler(socketserver.StreamRequestHandler):
     def read_request(self):
         """(method, url, headers with lower-case names) or None at the end of the connection."""
-        line = b''
-        while not line.strip():
-            line = self.rfile.readline(8192)
+        while not (line := self.rfile.readline(8192)).strip():
             if not line:
                 return None
-        parts = line.decode('latin-1').split()
-        method, url = (parts + ['', ''])[:2]
+        method, url = (line.decode('latin-1').split() + ['', ''])[:2]
         headers = {}
-        while True:
-            h = self.rfile.readline(8192).decode('latin-1')
-            if h.strip() == '':
-                break
+        while (h := self.rfile.readline(8192).decode('latin-1')).strip():
             name, _, value = h.partition(':')
             headers[name.strip().lower()] = value.strip()
-        n = int(headers.get('content-length', '0') or 0)
-        if n > 0:
-            self.rfile.read(n)
+        self.rfile.read(int(headers.get('content-length') or 0))
         return method, url, headers
 
     def send(self, cseq, status='200 OK', headers=(), body='', length=True):
@@ -128,13 +99,8 @@ class Handler(socketserver.StreamRequestHandler):
         self.wfile.flush()
 
     def handle(self):
-        conn = next(self.server.connections)
-        answer = None
-        refused = False
-        while True:
-            request = self.read_request()
-            if request is None:
-                return
+        conn, answer, refused = next(self.server.connections), None, False
+        while (request := self.read_request()) is not None:
             method, url, headers = request
             path = url_path(url)
             self.server.record({'conn': conn, 'method': method, 'url': url, 'headers': headers})

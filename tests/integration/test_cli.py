@@ -19,32 +19,18 @@ USAGE = ('pelvane [options] --url <url>\n'
 
 SCHEME = 'URL must be rtsp://, rtmp://, rtmps://, http://, https://, or tcp:// address\n'
 
-# (case, arguments, exact stderr); every one ends at once with status 1.
+# (case, arguments, exact stderr); every one ends at once with status 1. The option loop's
+# finer points are unit-tested; these pin each kind of message as the parent process sees it.
 IMMEDIATE_FAILURES = [
     ('no arguments', [], '--url required\n'),
-    ('help, two dashes', ['--help'], USAGE),
-    ('help, one dash', ['-help'], USAGE),
     ('help, three dashes, after a url', ['--url', 'http://127.0.0.1/x', '---help'], USAGE),
     ('unknown switch', ['--bogus'], USAGE + 'Unknown switch bogus\n'),
-    ('option names are case-sensitive', ['--URL', 'http://127.0.0.1/x'], USAGE + 'Unknown switch URL\n'),
     ('value glued with =', ['--url=http://127.0.0.1/x'], USAGE + 'Unknown switch url=http://127.0.0.1/x\n'),
-    ('a lone dash', ['-'], USAGE + 'Unknown switch \n'),
-    ('argument without a dash', ['foo'], 'Unhandled argv foo\n'),
-    ('bare help is not an option', ['help'], 'Unhandled argv help\n'),
     ('stray argument after the url', ['--url', 'http://127.0.0.1/x', 'extra'], 'Unhandled argv extra\n'),
     ('url without its value', ['--url'], USAGE + 'Missing value for url\n'),
-    ('-w without its value', ['--url', 'http://127.0.0.1/x', '-w'], USAGE + 'Missing value for w\n'),
     ('-h is height, not help', ['-h'], USAGE + 'Missing value for h\n'),
-    ('--h without its value after flags', ['--mime-type', '--mp4', '--h'], USAGE + 'Missing value for h\n'),
-    ('flags alone', ['--mime-type', '--mp4', '--hls', '--ignore-ssl-errors'], '--url required\n'),
-    ('empty url', ['--url', ''], '--url required\n'),
     ('the last url wins, empty', ['--url', 'http://127.0.0.1/x', '--url', ''], '--url required\n'),
     ('udp scheme', ['--url', 'udp://127.0.0.1:1234'], SCHEME),
-    ('upper-case RTMP scheme', ['--url', 'RTMP://127.0.0.1/live/test'], SCHEME),
-    ('upper-case HTTP scheme', ['---url', 'HTTP://127.0.0.1/x'], SCHEME),
-    ('scheme without slashes', ['--url', 'http:127.0.0.1/x'], SCHEME),
-    ('a path, not a url', ['--url', '/tmp/x.ts'], SCHEME),
-    ('the last url wins, bad scheme', ['--url', 'http://127.0.0.1/x', '--url', 'rtp://239.0.0.1:5000'], SCHEME),
     ('accepted flags before a bad scheme', ['--ignore-ssl-errors', '--hls', '--mp4', '--mime-type',
                                             '-w', '640', '-h', '480', '--url', 'file:///tmp/x.ts'], SCHEME),
 ]
@@ -64,12 +50,10 @@ class CommandLine(harness.RelayChecks):
 
     def test_refused_connection_pauses_then_fails(self):
         port = harness.free_port()  # nothing listens there
-        for case, url in [('tcp', 'tcp://127.0.0.1:%d' % port),
-                          ('http', 'http://127.0.0.1:%d/live.ts' % port),
-                          ('--mime-type writes no head', 'tcp://127.0.0.1:%d' % port)]:
+        for case, url, args in [('tcp', 'tcp://127.0.0.1:%d' % port, []),
+                                ('http, --mime-type writes no head', 'http://127.0.0.1:%d/x' % port, ['--mime-type'])]:
             with self.subTest(case=case):
-                args = ['--url', url] + (['--mime-type'] if 'mime' in case else [])
-                run = harness.run_pelvane(args, timeout=20, tag='refused')
+                run = harness.run_pelvane(args + ['--url', url], timeout=20, tag='refused')
                 line = "Failed to open input stream '%s'. Err=0xffffff91 str=Connection refused\n" % url
                 self.assertTrue(run.stderr.endswith(line), run.describe())
                 self.assertEqual(run.status, 1, run.describe())

@@ -14,7 +14,6 @@ sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import harness  # noqa: E402
 from rtsp_peer import url_path  # noqa: E402
 
-HERE = os.path.dirname(os.path.abspath(__file__))
 RTSP_PORT = 554
 FOUND_INTERFACE = 'Found CURL socket. Good.\nOn interface 127.0.0.1\n'
 NOT_ALL_METHODS = 'RTSP must provide DESCRIBE, SETUP, PLAY, TEARDOWN\n'
@@ -67,10 +66,8 @@ class ScriptedPeer(harness.RelayChecks):
         problem = port_554_problem()
         if problem:
             raise harness.unittest.SkipTest(problem)
-        cls.record = harness.scratch('rtsp_requests.jsonl')
-        if os.path.exists(cls.record):
-            os.unlink(cls.record)
-        cls.peer = harness.Proc(['/usr/bin/python3', os.path.join(HERE, 'rtsp_peer.py'), '--host', '127.0.0.1',
+        cls.record = harness.write_file(harness.scratch('rtsp_requests.jsonl'), b'')
+        cls.peer = harness.Proc(['/usr/bin/python3', os.path.join(harness.HERE, 'rtsp_peer.py'), '--host', '127.0.0.1',
                                  '--port', str(RTSP_PORT), '--record', cls.record, '--once'],
                                 name='rtsp_peer', log_path=harness.scratch('rtsp_peer.log'))
         if not harness.wait_listen(RTSP_PORT, 10, cls.peer):
@@ -85,8 +82,7 @@ class ScriptedPeer(harness.RelayChecks):
         """Requests per connection (in order) whose first request asked for url's path."""
         conns = {}
         with open(self.record) as f:
-            for line in f:
-                r = json.loads(line)
+            for r in map(json.loads, f):
                 conns.setdefault(r['conn'], []).append(r)
         return [reqs for _, reqs in sorted(conns.items()) if url_path(reqs[0]['url']) == url_path(url)]
 
@@ -97,8 +93,7 @@ class ScriptedPeer(harness.RelayChecks):
                 run = harness.run_pelvane(['--url', url], timeout=20, tag='rtsp-' + answer)
                 self.assertEqual(run.status, 1, run.describe())
                 self.assertEqual(run.stdout, redirect(location), run.describe())
-                address = location.split('@')[1]
-                self.assertIn('Looks like M2TS: %s\n' % address, run.stderr)
+                self.assertIn('Looks like M2TS: %s\n' % location.split('@')[1], run.stderr)
                 self.assertTrue(run.stderr.endswith(FOUND_INTERFACE), run.describe())
                 conns = self.connections(url)
                 self.assertEqual(len(conns), 1, conns)
@@ -108,27 +103,18 @@ class ScriptedPeer(harness.RelayChecks):
 
     def test_passed_on_to_the_relay(self):
         # Each case costs the relay's 3-second pause after a failed open: run them side by side.
-        started = []
-        for case, url, _, _ in PASSED_ON:
-            proc, out_path, err_path = harness.start_pelvane(['--url', url], tag='rtsp-' + url_path(url)[1:].replace('/', '-'))
-            started.append((proc, out_path, err_path))
-        for (case, url, methods, stderr_part), (proc, out_path, err_path) in zip(PASSED_ON, started):
+        started = [harness.Started(['--url', url], tag='rtsp-%d' % n) for n, (_, url, _, _) in enumerate(PASSED_ON)]
+        for (case, url, methods, stderr_part), s in zip(PASSED_ON, started):
             with self.subTest(case=case):
-                status = proc.wait(30)
-                proc.stop()
-                with open(out_path, 'rb') as f:
-                    out = f.read()
-                with open(err_path, errors='replace') as f:
-                    err = f.read()
-                ctx = '%s -> status %s\n%s' % (url, status, err[-3000:])
-                self.assertEqual(status, 1, ctx)
-                self.assertEqual(out, b'', ctx)
-                self.assertIn(stderr_part, err, ctx)
+                s.proc.wait(30)
+                run = s.finish(1)
+                self.assertEqual((run.status, run.stdout), (1, b''), run.describe())
+                self.assertIn(stderr_part, run.stderr, run.describe())
                 if 'SETUP' not in methods or 'SETUP refused' == case:
-                    self.assertNotIn(FOUND_INTERFACE, err, ctx)
+                    self.assertNotIn(FOUND_INTERFACE, run.stderr, run.describe())
                 conns = self.connections(url)
-                self.assertGreaterEqual(len(conns), 2, 'the relay made no connection of its own\n' + ctx)
-                self.assertEqual([r['method'] for r in conns[0]], methods, ctx)
+                self.assertGreaterEqual(len(conns), 2, 'the relay made no connection of its own\n' + run.describe())
+                self.assertEqual([r['method'] for r in conns[0]], methods, run.describe())
                 self.assertIn('Lavf', conns[1][0]['headers'].get('user-agent', ''), conns[1])
 
 
@@ -141,10 +127,8 @@ class GStreamerServer(harness.RelayChecks):
         cls.port = harness.free_port()
         cls.redirect_problem = port_554_problem()
         ports = [str(cls.port)] + ([] if cls.redirect_problem else [str(RTSP_PORT)])
-        log = harness.scratch('rtsp_gst_peer.log')
-        if os.path.exists(log):
-            os.unlink(log)
-        cls.server = harness.Proc(['/usr/bin/python3', os.path.join(HERE, 'rtsp_gst_peer.py')] + ports,
+        log = harness.write_file(harness.scratch('rtsp_gst_peer.log'), b'')
+        cls.server = harness.Proc(['/usr/bin/python3', os.path.join(harness.HERE, 'rtsp_gst_peer.py')] + ports,
                                   name='rtsp_gst_peer', log_path=log)
         if not harness.wait_for(lambda: 'ready' in cls.server.log_text() or not cls.server.running(), 20):
             cls.server.stop()
@@ -166,21 +150,14 @@ class GStreamerServer(harness.RelayChecks):
 
     def test_h264_is_relayed(self):
         url = 'rtsp://127.0.0.1:%d/h264' % self.port
-        proc, out_path, err_path = harness.start_pelvane(['--url', url], tag='rtsp-gst-h264')
-        try:
-            harness.wait_for(lambda: os.path.getsize(out_path) > 150000 or not proc.running(), 15)
-            proc.send(signal.SIGINT)
-            status = proc.wait(10)
-        finally:
-            proc.stop()
-        with open(out_path, 'rb') as f:
-            out = f.read()
-        with open(err_path, errors='replace') as f:
-            err = f.read()
-        self.assertEqual(status, 0, err[-3000:])
-        self.assertIn('Parsing SDP\n', err)
-        self.assertNotIn('Looks like M2TS', err)
-        self.assertRelayTs(out, ['h264'], allow_partial_tail=True, name='rtsp-gst-h264')
+        s = harness.Started(['--url', url], tag='rtsp-gst-h264')
+        self.addCleanup(s.proc.stop)
+        s.output_reaches(150000, 15)
+        run = s.finish(10, signal.SIGINT)
+        self.assertEqual(run.status, 0, run.describe())
+        self.assertIn('Parsing SDP\n', run.stderr)
+        self.assertNotIn('Looks like M2TS', run.stderr)
+        self.assertRelayTs(run, ['h264'], allow_partial_tail=True, name='rtsp-gst-h264')
         transports = self.setups('/h264')
         self.assertTrue(transports and all(t.startswith('RTP/AVP') for t in transports), transports)
         sys.stderr.write("FFmpeg's RTSP transport on loopback: %s\n" % '; '.join(transports))

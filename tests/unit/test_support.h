@@ -1,29 +1,28 @@
 // Helpers shared by the unit tests.
 #pragma once
 
+#include <cstdio>
 #include <string>
 
-// Captures what is written to standard error (descriptor 2 and the stdio
-// stream) between construction and take().
-class stderr_capture {
+// Captures what is written to a descriptor (and its stdio stream) between
+// construction and take().
+class fd_capture {
  public:
-  stderr_capture();
-  ~stderr_capture();
+  fd_capture(int fd, FILE* stream);
+  ~fd_capture() { take(); }
   std::string take();
 
  private:
+  int fd_;
+  FILE* stream_;
   int saved_fd_ = -1;
   int file_fd_ = -1;
 };
 
-// The same for standard output.
-class stdout_capture {
- public:
-  stdout_capture();
-  ~stdout_capture();
-  std::string take();
+struct stderr_capture : fd_capture {
+  stderr_capture() : fd_capture(2, stderr) {}
+};
 
- private:
-  int saved_fd_ = -1;
-  int file_fd_ = -1;
+struct stdout_capture : fd_capture {
+  stdout_capture() : fd_capture(1, stdout) {}
 };

@@ -1,30 +1,21 @@
-// CEA-608 pop-on converter: code tables, characters, the worked example and
-// the scheduling rules.
+// CEA-608 pop-on converter: code tables, the characters of both converters,
+// the worked example and the scheduling rules.
 #include <gtest/gtest.h>
 
 #include <cstdio>
 
 #include "tests/unit/cea/cea_test_util.h"
 #include "tolm_utils/cea_internal.h"
+#include "v2/captions/cc608_decoder.h"
 
 using namespace tolm_cc;
 using namespace cea_test;
 
 namespace {
 
-std::string hex(const std::vector<uint16_t>& v) {
-  std::string s;
-  char buf[8];
-  for (uint16_t x : v) {
-    snprintf(buf, sizeof buf, "%s%04X", s.empty() ? "" : " ", x);
-    s += buf;
-  }
-  return s;
-}
-
 // The pairs (copies expanded) of a caption's load after RCL, ENM and the
 // row's PAC, for a left-aligned one-row cue.
-std::string char_pairs(const std::string& text, caption_options opt = {}) {
+std::string char_pairs_608(const std::string& text, caption_options opt) {
   cue_box box;
   box.align = h_align::left;
   const caption_layout lay = layout_cue_text(text, 32, cc_target::cea608, opt);
@@ -36,81 +27,80 @@ std::string char_pairs(const std::string& text, caption_options opt = {}) {
   return hex(v);
 }
 
+// The CEA-708 bytes of a cue's characters (EXT1 included).
+std::string char_bytes_708(const std::string& text) {
+  std::vector<uint8_t> v;
+  for (const caption_row& r : layout_cue_text(text, 32, cc_target::cea708, {}).rows)
+    for (const caption_cell& cell : r.cells) {
+      if (cell.kind == cell_kind::ext1) v.push_back(0x10);
+      v.push_back(cell.kind == cell_kind::ext1 ? cell.b1 : cell.b0);
+    }
+  return hex(v);
+}
+
 }  // namespace
 
-TEST(Cea608Tables, ParityMakesEveryByteOdd) {
-  for (int b = 0; b < 128; ++b) {
-    const uint8_t p = odd_parity(static_cast<uint8_t>(b));
-    EXPECT_EQ(p & 0x7F, b) << b;
-    EXPECT_EQ(__builtin_popcount(p) % 2, 1) << b;
-  }
-  EXPECT_EQ(odd_parity(0x00), 0x80);
-  EXPECT_EQ(odd_parity(0x14), 0x94);
-  EXPECT_EQ(odd_parity(0x2C), 0x2C);
-  EXPECT_EQ(odd_parity(0x2E), 0xAE);
-}
-
+// Each preamble address code, read back by pelvane-cc's decoder (whose row
+// table is written the other way round), reaches its row, indent and style.
 TEST(Cea608Tables, PreambleAddressCodes) {
-  // Second bytes for indents 0..28 (parity set), by the row's base 40 or 60.
-  const uint8_t odd[8] = {0xD0, 0x52, 0x54, 0xD6, 0x58, 0xDA, 0xDC, 0x5E};
-  const uint8_t even[8] = {0x70, 0xF2, 0xF4, 0x76, 0xF8, 0x7A, 0x7C, 0xFE};
-  const struct {
-    int row;
-    uint8_t first;
-    bool base40;
-  } rows[] = {{1, 0x91, true},  {2, 0x91, false}, {3, 0x92, true},   {4, 0x92, false},
-              {5, 0x15, true},  {6, 0x15, false}, {7, 0x16, true},   {8, 0x16, false},
-              {9, 0x97, true},  {10, 0x97, false}, {11, 0x10, true}, {12, 0x13, true},
-              {13, 0x13, false}, {14, 0x94, true}, {15, 0x94, false}};
-  for (const auto& r : rows) {
-    for (int i = 0; i < 8; ++i) {
-      const eia608_pair p = pac_608(r.row, 4 * i);
-      EXPECT_EQ(p.b[0], r.first) << "row " << r.row;
-      EXPECT_EQ(p.b[1], r.base40 ? odd[i] : even[i]) << "row " << r.row << " indent " << 4 * i;
-      EXPECT_EQ(pair_value(pac_608(r.row, 4 * i + 3)), pair_value(p)) << "indent rounds down";
+  for (int row = 1; row <= 15; ++row)
+    for (int indent = -1; indent < 32; ++indent) {  // -1: the italic PAC
+      const eia608_pair pac = indent < 0 ? pac_608_italic(row) : pac_608(row, indent);
+      cc608_decoder d;
+      std::vector<srt_cue> out;
+      for (const eia608_pair& p : {control_608(0x20), pac}) cc608_decode_pair(d, 0, p.b[0], p.b[1], out);
+      EXPECT_EQ(d.row + 1, row) << "indent " << indent;
+      EXPECT_EQ(d.col, std::max(indent, 0) / 4 * 4) << "row " << row;
+      EXPECT_EQ(d.italic, indent < 0) << "row " << row;
     }
-    EXPECT_EQ(pac_608_italic(r.row).b[1], r.base40 ? 0xCE : 0x6E) << "row " << r.row;
-    EXPECT_EQ(pac_608_italic(r.row).b[0], r.first);
-  }
 }
 
-TEST(Cea608Characters, EachClassMapsToItsSet) {
+TEST(CeaCharacters, EachClassMapsToItsSet) {
   caption_options true_codes;
   true_codes.true_2a_codes = true;
   const struct {
     const char* name;
     std::string text;
     caption_options opt;
-    const char* want;
+    const char* want608;  // pairs after the PAC
+    const char* want708;  // nullptr: the case is about 608 only
   } cases[] = {
-      {"plain pair", "Hi", {}, "C8E9"},
-      {"odd character padded", "H", {}, "C880"},
-      {"basic override é", "é", {}, "DC80"},
-      {"basic override ñ", "ñ", {}, "FE80"},
-      {"apostrophe", "'", {}, "A780"},
-      {"right single quote", "\u2019", {}, "A780"},
-      {"ASCII { goes extended after (", "{", {}, "A880 1329 1329"},
-      {"ASCII * goes extended after a space", "*", {}, "2080 92A8 92A8"},
-      {"extended ü after u", "ü", {}, "7580 9225 9225"},
-      {"fallback is the character just before", "aü", {}, "6175 9225 9225"},
-      {"special ♪", "\u266A", {}, "9137 9137"},
-      {"special ® and ½", "®½", {}, "91B0 91B0 9132 9132"},
-      {"no-break space is the transparent space", "a\u00A0b", {}, "6180 91B9 91B9 6280"},
-      {"two notes get a space between", "\u266A\u266A", {}, "9137 9137 2080 9137 9137"},
-      {"em dash as two hyphens", "a\u2014b", {}, "61AD AD62"},
-      {"em dash with true codes", "\u2014", true_codes, "AD80 922A 922A"},
-      {"} as ) by default", "}", {}, "2980"},
-      {"} with true codes", "}", true_codes, "2980 132A 132A"},
-      {"ellipsis spelled out", "\u2026", {}, "AEAE AE80"},
-      {"grave accent as left quote", "`", {}, "A780 9226 9226"},
-      {"decomposed to base letter", "\u0101", {}, "6180"},
-      {"unmappable dropped", "a\u0416b", {}, "6162"},
+      {"plain pair", "Hi", {}, "C8E9", "48 69"},
+      {"odd character padded", "H", {}, "C880", "48"},
+      {"basic override é", "é", {}, "DC80", "E9"},
+      {"basic override ñ", "ñ", {}, "FE80", "F1"},
+      {"apostrophe", "'", {}, "A780", "27"},
+      {"right single quote", "\u2019", {}, "A780", "10 32"},
+      {"ASCII { goes extended after (", "{", {}, "A880 1329 1329", "7B"},
+      {"ASCII * goes extended after a space", "*", {}, "2080 92A8 92A8", "2A"},
+      {"extended ü after u", "ü", {}, "7580 9225 9225", "FC"},
+      {"fallback is the character just before", "aü", {}, "6175 9225 9225", "61 FC"},
+      {"special ♪, at 7F in 708", "\u266A", {}, "9137 9137", "7F"},
+      {"special ® and ½", "®½", {}, "91B0 91B0 9132 9132", "AE BD"},
+      {"no-break space is the transparent space", "a\u00A0b", {}, "6180 91B9 91B9 6280", "61 A0 62"},
+      {"two notes get a space between", "\u266A\u266A", {}, "9137 9137 2080 9137 9137", nullptr},
+      {"em dash as two hyphens, one in 708", "a\u2014b", {}, "61AD AD62", "61 2D 62"},
+      {"em dash with true codes", "\u2014", true_codes, "AD80 922A 922A", nullptr},
+      {"} as ) by default", "}", {}, "2980", "7D"},
+      {"} with true codes", "}", true_codes, "2980 132A 132A", nullptr},
+      {"ellipsis spelled out, G2 in 708", "\u2026", {}, "AEAE AE80", "10 25"},
+      {"G2 via EXT1", "\u2122\u0160", {}, nullptr, "10 39 10 2A"},
+      {"G0 has the ASCII that 608 lacks", "|~", {}, nullptr, "7C 7E"},
+      {"grave accent as left quote", "`", {}, "A780 9226 9226", nullptr},
+      {"decomposed to base letter", "\u0101", {}, "6180", "61"},
+      {"unmappable dropped", "a\u0416b", {}, "6162", "61 62"},
   };
-  for (const auto& c : cases) EXPECT_EQ(char_pairs(c.text, c.opt), c.want) << c.name;
-
+  for (const auto& c : cases) {
+    if (c.want608) {
+      EXPECT_EQ(char_pairs_608(c.text, c.opt), c.want608) << c.name;
+    }
+    if (c.want708) {
+      EXPECT_EQ(char_bytes_708(c.text), c.want708) << c.name;
+    }
+  }
   caption_options question;
   question.unmappable_as_question = true;
-  EXPECT_EQ(char_pairs("a\u0416", question), "61BF") << "unmappable as ?";
+  EXPECT_EQ(char_pairs_608("a\u0416", question), "61BF") << "unmappable as ?";
   EXPECT_EQ(layout_cue_text("a\u0416\u4E2Db", 32, cc_target::cea608, {}).dropped_chars, 2);
 }
 
@@ -154,25 +144,14 @@ TEST(Cea608Converter, WorkedExampleByteForByte) {
   std::vector<std::pair<uint64_t, uint16_t>> got;
   for (const auto& [k, p] : out) got.emplace_back(k, pair_value(p));
   EXPECT_EQ(got, want);
-  EXPECT_EQ(fields(ctx).counter, 1u);
-  EXPECT_EQ(fields(ctx).pending_target, 0);
-  EXPECT_EQ(fields(ctx).tag, 0x942C);
-  EXPECT_EQ(fields(ctx).next_free_ms, key_of(32));
-  EXPECT_EQ(fields(ctx).clear_at_ms, 3003u);
 }
 
 namespace {
 
-// Frame of the first EOC of a map, or -1.
-int64_t eoc_frame(const cc608_map& m) {
+// Frame of the first `code` pair (EOC 942F, EDM 942C) of a map, or -1.
+int64_t frame_of_code(const cc608_map& m, uint16_t code) {
   for (const auto& [k, p] : m)
-    if (pair_value(p) == 0x942F) return frame_of(k);
-  return -1;
-}
-
-int64_t edm_frame(const cc608_map& m) {
-  for (const auto& [k, p] : m)
-    if (pair_value(p) == 0x942C) return frame_of(k);
+    if (pair_value(p) == code) return frame_of(k);
   return -1;
 }
 
@@ -191,12 +170,10 @@ TEST(Cea608Schedule, CrossCueRules) {
     std::vector<step> steps;
   } cases[] = {
       {"on time: EOC at the start frame, EDM at the end frame", 0, {{1000, 3000, "Hello", 30, 90}}},
-      {"back to back: shown two frames after the old EDM",
-       0,
+      {"back to back: shown two frames after the old EDM", 0,
        {{1000, 3000, "one", 30, 90}, {3000, 5000, "two", 92, 150}}},
       {"overlap: waits for the old EDM", 0, {{1000, 3000, "one", 30, 90}, {2000, 4000, "two", 92, 120}}},
-      {"overlap without display time left is dropped",
-       0,
+      {"overlap without display time left is dropped", 0,
        {{1000, 3000, "one", 30, 90}, {2000, 3050, "two", -1, -1}, {4000, 5000, "three", 120, 150}}},
       {"nested cue is dropped", 0, {{1000, 5000, "one", 30, 150}, {2000, 3000, "two", -1, -1}}},
       // nf = 150 (5005 ms); 14 pairs load in frames 150..163, EOC at 164.
@@ -213,8 +190,8 @@ TEST(Cea608Schedule, CrossCueRules) {
       const step& st = c.steps[i];
       const WebVTTConvContext_v1 before = ctx;
       const cc608_map m = to608(cue(st.start, st.end, st.text), ctx);
-      EXPECT_EQ(eoc_frame(m), st.want_eoc) << c.name << ", cue " << i;
-      EXPECT_EQ(edm_frame(m), st.want_edm) << c.name << ", cue " << i;
+      EXPECT_EQ(frame_of_code(m, 0x942F), st.want_eoc) << c.name << ", cue " << i;
+      EXPECT_EQ(frame_of_code(m, 0x942C), st.want_edm) << c.name << ", cue " << i;
       if (st.want_eoc < 0) {
         EXPECT_TRUE(m.empty()) << c.name;
         EXPECT_EQ(memcmp(&before, &ctx, sizeof ctx), 0) << c.name << ": context changed by a drop";
@@ -231,7 +208,7 @@ TEST(Cea608Schedule, LoadSkipsThePendingEdmFrames) {
   to608(cue(1000, 3000, "one"), ctx);  // EDM in frames 90, 91
   const cc608_map m = to608(cue(3500, 6000, "Hello, world, this is two"), ctx);
   ASSERT_FALSE(m.empty());
-  EXPECT_EQ(eoc_frame(m), 105);
+  EXPECT_EQ(frame_of_code(m, 0x942F), 105);
   for (const auto& [k, p] : m) {
     EXPECT_NE(frame_of(k), 90);
     EXPECT_NE(frame_of(k), 91);

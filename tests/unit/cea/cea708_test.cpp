@@ -1,5 +1,5 @@
-// CEA-708 converter: characters, window definition, service blocks and
-// packets, the worked example, sequence numbers across cues and scheduling.
+// CEA-708 converter: window definition, service blocks and packets, the
+// worked example, sequence numbers across cues and scheduling.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -11,16 +11,6 @@ using namespace tolm_cc;
 using namespace cea_test;
 
 namespace {
-
-std::string hex_bytes(const std::vector<uint8_t>& v) {
-  std::string s;
-  char buf[4];
-  for (uint8_t b : v) {
-    snprintf(buf, sizeof buf, "%s%02X", s.empty() ? "" : " ", b);
-    s += buf;
-  }
-  return s;
-}
 
 std::string word_text(const q7ro_cea708_word& w) {
   char buf[16];
@@ -35,34 +25,6 @@ std::vector<uint8_t> atom_bytes(const std::vector<dtvcc_atom>& atoms) {
 }
 
 }  // namespace
-
-TEST(Cea708Characters, EachClassMapsToItsSet) {
-  const struct {
-    const char* name;
-    std::string text;
-    const char* want;
-  } cases[] = {
-      {"G0 ASCII", "Az", "41 7A"},
-      {"G0 has the ASCII that 608 lacks", "*{|}~", "2A 7B 7C 7D 7E"},
-      {"music note at 7F", "\u266A", "7F"},
-      {"G1 Latin-1", "é ñ ü", "E9 20 F1 20 FC"},
-      {"no-break space", "a\u00A0b", "61 A0 62"},
-      {"G2 via EXT1", "\u2026\u2019\u2122\u0160", "10 25 10 32 10 39 10 2A"},
-      {"em dash as a hyphen", "a\u2014b", "61 2D 62"},
-      {"decomposed to base letter", "\u0101", "61"},
-      {"unmappable dropped", "a\u0416b", "61 62"},
-  };
-  for (const auto& c : cases) {
-    const caption_layout lay = layout_cue_text(c.text, 32, cc_target::cea708, {});
-    std::vector<uint8_t> v;
-    for (const caption_row& r : lay.rows)
-      for (const caption_cell& cell : r.cells) {
-        if (cell.kind == cell_kind::ext1) v.push_back(0x10);
-        v.push_back(cell.kind == cell_kind::ext1 ? cell.b1 : cell.b0);
-      }
-    EXPECT_EQ(hex_bytes(v), c.want) << c.name;
-  }
-}
 
 TEST(Cea708Window, DefinitionAndRowOffsetsFollowTheSettings) {
   const struct {
@@ -92,11 +54,11 @@ TEST(Cea708Window, DefinitionAndRowOffsetsFollowTheSettings) {
     ASSERT_FALSE(atoms.empty()) << c.name;
     ASSERT_EQ(atoms[0].len, 7) << c.name;
     EXPECT_EQ(atoms[0].b[0], 0x98) << c.name;
-    EXPECT_EQ(hex_bytes(std::vector<uint8_t>(atoms[0].b + 1, atoms[0].b + 7)), c.want_df) << c.name;
+    EXPECT_EQ(hex(std::vector<uint8_t>(atoms[0].b + 1, atoms[0].b + 7)), c.want_df) << c.name;
     std::vector<uint8_t> spl;
     for (const dtvcc_atom& a : atoms)
       if (a.b[0] == 0x92) spl.insert(spl.end(), a.b + 1, a.b + 3);
-    EXPECT_EQ(hex_bytes(spl), c.want_spl) << c.name;
+    EXPECT_EQ(hex(spl), c.want_spl) << c.name;
   }
 }
 
@@ -108,7 +70,7 @@ TEST(Cea708Window, ItalicsToggleThePenAcrossRows) {
   // DF1 SWA SPA SPC, then SPL 0 0, SPA italic, "ab", SPL 1 0, SPA normal, "cd", ETX.
   const std::vector<uint8_t> tail(v.begin() + 19, v.end());
   EXPECT_EQ(v[0], 0x99);
-  EXPECT_EQ(hex_bytes(tail), "92 00 00 90 05 80 61 62 92 01 00 90 05 00 63 64 03");
+  EXPECT_EQ(hex(tail), "92 00 00 90 05 80 61 62 92 01 00 90 05 00 63 64 03");
 }
 
 TEST(Cea708Packets, BlocksAndPacketsKeepTheirLimits) {
@@ -157,11 +119,6 @@ TEST(Cea708Converter, WorkedExampleByteForByte) {
   for (const auto& [k, words] : out)
     for (const q7ro_cea708_word& w : words) got[k].push_back(word_text(w));
   EXPECT_EQ(got, want);
-  EXPECT_EQ(fields(ctx).counter, 3u);
-  EXPECT_EQ(fields(ctx).pending_target, 0);
-  EXPECT_EQ(fields(ctx).tag, 1);
-  EXPECT_EQ(fields(ctx).next_free_ms, key_of(31));
-  EXPECT_EQ(fields(ctx).clear_at_ms, 3003u);
 }
 
 TEST(Cea708Converter, SequenceNumbersRunOnInTransmissionOrder) {
@@ -185,9 +142,7 @@ TEST(Cea708Converter, SequenceNumbersRunOnInTransmissionOrder) {
       {key_of(88), 2}, {key_of(89), 3}, {key_of(89), 0}, {key_of(89), 1},  // B load, nulls
       {key_of(90), 2}, {key_of(91), 3}, {key_of(150), 0}};                 // A end, B show, B end
   EXPECT_EQ(got, want);
-  EXPECT_EQ(packets[3].size_code, 1);
-  EXPECT_EQ(fields(ctx).counter, 9u);
-  EXPECT_EQ(fields(ctx).pending_target, 1) << "cue B used window 1";
+  EXPECT_EQ(packets[3].size_code, 1) << "null packets";
 }
 
 namespace {
@@ -229,9 +184,10 @@ TEST(Cea708Schedule, ShowEndAndWindowsAcrossCues) {
     WebVTTConvContext_v1 ctx = webvtt_conv_context_start();
     cc708_map last;
     for (const auto& [s, e] : c.cues) last = to708(cue(s, e, "Hi"), ctx);
-    EXPECT_EQ(hex_bytes(commands_at(last, key_of(c.want_show_frame))), c.want_show) << c.name;
-    EXPECT_EQ(hex_bytes(commands_at(last, key_of(c.want_end_frame))), c.want_end) << c.name;
-    EXPECT_EQ(fields(ctx).pending_target, c.want_pending) << c.name;
+    EXPECT_EQ(hex(commands_at(last, key_of(c.want_show_frame))), c.want_show) << c.name;
+    EXPECT_EQ(hex(commands_at(last, key_of(c.want_end_frame))), c.want_end) << c.name;
+    const int32_t pending = ctx.pending_target;  // a packed field: copied, not bound to a reference
+    EXPECT_EQ(pending, c.want_pending) << c.name;
   }
 }
 

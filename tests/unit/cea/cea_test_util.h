@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdio>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -39,17 +40,17 @@ inline cc708_map to708(const WebVTTFileEvent_v1& c, WebVTTConvContext_v1& ctx) {
   return out;
 }
 
-// The context's fields copied out. The record is packed and may sit at any
-// address, so its fields must not be bound to references (EXPECT_EQ does).
-struct context_fields {
-  uint32_t counter;
-  int32_t pending_target;
-  uint16_t tag;
-  uint64_t next_free_ms;
-  uint64_t clear_at_ms;
-};
-inline context_fields fields(const WebVTTConvContext_v1& c) {
-  return {c.counter, c.pending_target, c.tag, c.next_free_ms, c.clear_at_ms};
+// Values as upper-case hex, two digits a byte, separated by spaces: "C8E9 942F", "98 18".
+template <typename T>
+std::string hex(const std::vector<T>& v) {
+  std::string s;
+  char buf[8];
+  for (T x : v) {
+    const int digits = static_cast<int>(2 * sizeof(T));
+    snprintf(buf, sizeof buf, "%s%0*X", s.empty() ? "" : " ", digits, static_cast<unsigned>(x));
+    s += buf;
+  }
+  return s;
 }
 
 inline uint16_t pair_value(const eia608_pair& p) { return static_cast<uint16_t>((p.b[0] << 8) | p.b[1]); }

@@ -47,6 +47,8 @@ TEST(CommandLine, Table) {
        with([](run_options& o) { o.max_height = 480; })},
       {"width and height", {"-w", "800", "--h", "-5", "--url", "rtmp://h/a"}, true, false, "",
        with([](run_options& o) { o.max_width = 800, o.max_height = -5; })},
+      {"the last -w wins", {"-w", "10", "-w", "800", "--url", "rtmp://h/a"}, true, false, "",
+       with([](run_options& o) { o.max_width = 800; })},
       {"non-numeric width is 0", {"-w", "wide", "--url", "rtmp://h/a"}, true, false, "",
        with([](run_options& o) { o.max_width = 0; })},
       {"leading digits count", {"-w", "640x", "--url", "rtmp://h/a"}, true, false, "",
@@ -83,6 +85,7 @@ TEST(CommandLine, SchemeDispatch) {
       {"https://h/x.m3u8", scheme_relayed},    {"tcp://127.0.0.1:9", scheme_relayed},
       {"RTMP://h/app", scheme_refused},        {"udp://239.1.1.1:5000", scheme_refused},
       {"rtsp:/h", scheme_refused},             {"file:///etc/passwd", scheme_refused},
+      {"/tmp/x.ts", scheme_refused},           {"HTTP://h/x", scheme_refused},
       {"http:/", scheme_refused},              {"rtmpt://h/app", scheme_refused},
   };
   for (const auto& c : cases) EXPECT_EQ(classify_source_url(c.url), c.want) << c.url;

@@ -54,7 +54,7 @@ TEST(StreamChoice, Video) {
       {"tiny width limit: no video", {video(1280, 720), video(640, 360)}, 10, -1, -1},
       {"width limit 16: no video", {video(1280, 720), video(640, 360)}, 16, -1, -1},
       {"width limit 17: smallest", {video(1280, 720), video(640, 360)}, 17, -1, 1},
-      {"zero height limit is no limit", {video(1280, 720)}, -1, 0, 0},
+      {"zero limits are no limits", {video(1280, 720)}, 0, 0, 0},
       {"taller wins at equal width", {video(1280, 720), video(1280, 1080)}, -1, -1, 1},
       {"tie keeps the earlier", {video(640, 360), video(640, 360)}, -1, -1, 0},
       {"taller but narrower replaces", {video(1280, 720), video(640, 1080)}, -1, -1, 1},

@@ -28,21 +28,38 @@ struct answer_case {
   std::vector<std::string> lines = {};
 };
 
+// Reads `c.capture` with `read` while standard error is captured; checks the
+// result and the end of the messages.
+template <typename Read>
+void check_answer(const answer_case& c, Read read) {
+  FILE* f = capture_of(c.capture);
+  stderr_capture err;
+  EXPECT_EQ(read(f), c.result) << "case: " << c.name;
+  const std::string text = err.take();
+  fclose(f);
+  EXPECT_TRUE(text.ends_with(c.err_tail)) << "case: " << c.name << "\nstderr:\n" << text;
+}
+
+// OPTIONS: every Public token is echoed, and the run goes on only when the
+// four methods are among them (matched without regard to case, tokens split
+// at commas with the spaces after a comma skipped).
 TEST(OptionsAnswer, Cases) {
+  const std::string incomplete = "RTSP must provide DESCRIBE, SETUP, PLAY, TEARDOWN\n";
   const answer_case cases[] = {
       {"all five with OPTIONS", ok + "Public: OPTIONS, DESCRIBE, SETUP, TEARDOWN, PLAY\r\n\r\n", 0,
        "'CSeq' = '1'\n'Public' = 'OPTIONS, DESCRIBE, SETUP, TEARDOWN, PLAY'\n"
        "    'OPTIONS'\n    'DESCRIBE'\n    'SETUP'\n    'TEARDOWN'\n    'PLAY'\n"},
-      {"lower case, no space", ok + "public:describe,setup,play,teardown\r\n\r\n", 0,
-       "'public' = 'describe,setup,play,teardown'\n    'describe'\n    'setup'\n    'play'\n    'teardown'\n"},
-      {"two Public headers", ok + "Public: DESCRIBE, SETUP\r\nServer: x\r\nPUBLIC: PLAY, TEARDOWN\r\n\r\n", 0,
-       "    'PLAY'\n    'TEARDOWN'\n"},
-      {"no TEARDOWN", ok + "Public: OPTIONS, DESCRIBE, SETUP, PLAY\r\n\r\n", 1,
-       "    'PLAY'\nRTSP must provide DESCRIBE, SETUP, PLAY, TEARDOWN\n"},
+      {"mixed case, no space", ok + "public:describe,Setup,pLAY,TearDown\r\n\r\n", 0,
+       "'public' = 'describe,Setup,pLAY,TearDown'\n    'describe'\n    'Setup'\n    'pLAY'\n    'TearDown'\n"},
+      {"two Public headers add up", ok + "Public: DESCRIBE, SETUP\r\nServer: x\r\nPUBLIC: PLAY, TEARDOWN\r\n\r\n",
+       0, "    'PLAY'\n    'TEARDOWN'\n"},
+      {"no TEARDOWN", ok + "Public: OPTIONS, DESCRIBE, SETUP, PLAY\r\n\r\n", 1, "    'PLAY'\n" + incomplete},
       {"space before comma", ok + "Public: DESCRIBE ,SETUP, PLAY, TEARDOWN\r\n\r\n", 1,
-       "    'DESCRIBE '\n    'SETUP'\n    'PLAY'\n    'TEARDOWN'\nRTSP must provide DESCRIBE, SETUP, PLAY, TEARDOWN\n"},
-      {"Public in the body", ok + "\r\nPublic: DESCRIBE, SETUP, PLAY, TEARDOWN\r\n", 1,
-       "'CSeq' = '1'\nRTSP must provide DESCRIBE, SETUP, PLAY, TEARDOWN\n"},
+       "    'DESCRIBE '\n    'SETUP'\n    'PLAY'\n    'TEARDOWN'\n" + incomplete},
+      {"empty token, tab kept", ok + "Public: DESCRIBE,,SETUP, PLAY,\tTEARDOWN\r\n\r\n", 1,
+       "    'DESCRIBE'\n    ''\n    'SETUP'\n    'PLAY'\n    '\tTEARDOWN'\n" + incomplete},
+      {"empty Public", ok + "Public: \r\n\r\n", 1, "'Public' = ''\n    ''\n" + incomplete},
+      {"Public in the body", ok + "\r\nPublic: DESCRIBE, SETUP, PLAY, TEARDOWN\r\n", 1, "'CSeq' = '1'\n" + incomplete},
       {"line without colon skipped", ok + "garbage\r\nPublic: DESCRIBE, SETUP, PLAY, TEARDOWN\r\n\r\n", 0,
        "'CSeq' = '1'\n'Public' = 'DESCRIBE, SETUP, PLAY, TEARDOWN'\n    'DESCRIBE'\n    'SETUP'\n    'PLAY'\n"
        "    'TEARDOWN'\n"},
@@ -51,15 +68,17 @@ TEST(OptionsAnswer, Cases) {
       {"empty capture", "", 1, "'' 0 ''\nFAIL\n"},
       {"not RTSP", "SIP/2.0 200 OK\r\n\r\n", 1, "'SIP/2.0' 200 'OK'\nFAIL\n"},
   };
-  for (const answer_case& c : cases) {
-    FILE* f = capture_of(c.capture);
-    stderr_capture err;
-    EXPECT_EQ(read_options_answer(f), c.result) << "case: " << c.name;
-    std::string text = err.take();
-    fclose(f);
-    EXPECT_TRUE(text.size() >= c.err_tail.size() && text.ends_with(c.err_tail))
-        << "case: " << c.name << "\nstderr:\n" << text;
-  }
+  for (const answer_case& c : cases) check_answer(c, read_options_answer);
+}
+
+TEST(SetupAnswer, GoodStatusIsEnough) {
+  const answer_case cases[] = {
+      {"transport echoed", ok + "Transport: RTP/AVP;multicast\r\nSession: 12345678;timeout=60\r\n\r\n", 0,
+       "'Transport' = 'RTP/AVP;multicast'\n'Session' = '12345678;timeout=60'\n"},
+      {"no headers", "RTSP/1.0 200 OK\r\n", 0, "'RTSP/1.0' 200 'OK'\n"},
+      {"461", "RTSP/1.0 461 Unsupported Transport\r\n\r\n", 1, "'RTSP/1.0' 461 'Unsupported Transport'\nFAIL\n"},
+  };
+  for (const answer_case& c : cases) check_answer(c, read_setup_answer);
 }
 
 TEST(DescribeAnswer, Cases) {
@@ -88,31 +107,9 @@ TEST(DescribeAnswer, Cases) {
       {"1021 characters and CR LF", ok + sdp + "Content-Length: 1\r\n\r\n" + long1021 + "\r\n", 0, "", {long1021, ""}},
   };
   for (const answer_case& c : cases) {
-    FILE* f = capture_of(c.capture);
     std::vector<std::string> lines = {"left over"};
-    stderr_capture err;
-    EXPECT_EQ(read_describe_answer(f, lines), c.result) << "case: " << c.name;
-    std::string text = err.take();
-    fclose(f);
-    EXPECT_TRUE(text.ends_with(c.err_tail)) << "case: " << c.name << "\nstderr:\n" << text;
+    check_answer(c, [&](FILE* f) { return read_describe_answer(f, lines); });
     EXPECT_EQ(lines, c.lines) << "case: " << c.name;
-  }
-}
-
-TEST(SetupAnswer, GoodStatusIsEnough) {
-  const answer_case cases[] = {
-      {"transport echoed", ok + "Transport: RTP/AVP;multicast\r\nSession: 12345678;timeout=60\r\n\r\n", 0,
-       "'Transport' = 'RTP/AVP;multicast'\n'Session' = '12345678;timeout=60'\n"},
-      {"no headers", "RTSP/1.0 200 OK\r\n", 0, "'RTSP/1.0' 200 'OK'\n"},
-      {"461", "RTSP/1.0 461 Unsupported Transport\r\n\r\n", 1, "'RTSP/1.0' 461 'Unsupported Transport'\nFAIL\n"},
-  };
-  for (const answer_case& c : cases) {
-    FILE* f = capture_of(c.capture);
-    stderr_capture err;
-    EXPECT_EQ(read_setup_answer(f), c.result) << "case: " << c.name;
-    std::string text = err.take();
-    fclose(f);
-    EXPECT_TRUE(text.ends_with(c.err_tail)) << "case: " << c.name << "\nstderr:\n" << text;
   }
 }
 

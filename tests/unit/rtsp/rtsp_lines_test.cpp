@@ -84,38 +84,4 @@ TEST(HeaderLine, SplitAtFirstColon) {
   }
 }
 
-TEST(PublicHeader, TokensAndMethods) {
-  const struct {
-    const char* value;
-    std::vector<std::string> tokens;
-    bool complete;
-  } cases[] = {
-      {"OPTIONS, DESCRIBE, SETUP, TEARDOWN, PLAY", {"OPTIONS", "DESCRIBE", "SETUP", "TEARDOWN", "PLAY"}, true},
-      {"describe,setup,play,teardown", {"describe", "setup", "play", "teardown"}, true},
-      {"DESCRIBE ,SETUP, PLAY, TEARDOWN", {"DESCRIBE ", "SETUP", "PLAY", "TEARDOWN"}, false},
-      {"DESCRIBE, SETUP, PLAY", {"DESCRIBE", "SETUP", "PLAY"}, false},
-      {"DESCRIBE,,SETUP, PLAY,\tTEARDOWN", {"DESCRIBE", "", "SETUP", "PLAY", "\tTEARDOWN"}, false},
-      {"", {""}, false},
-  };
-  for (const auto& c : cases) {
-    std::string buf = c.value;
-    std::vector<std::string> tokens;
-    rtsp_methods methods;
-    for (const char* t : split_public_value(buf.data())) {
-      tokens.emplace_back(t);
-      note_public_method(t, methods);
-    }
-    EXPECT_EQ(tokens, c.tokens) << "value: " << c.value;
-    EXPECT_EQ(methods_complete(methods), c.complete) << "value: " << c.value;
-  }
-}
-
-TEST(PublicHeader, MethodsAddUpAcrossHeaders) {
-  rtsp_methods methods;
-  for (const char* t : {"DESCRIBE", "SETUP"}) note_public_method(t, methods);
-  EXPECT_FALSE(methods_complete(methods));
-  for (const char* t : {"Play", "TearDown", "OPTIONS"}) note_public_method(t, methods);
-  EXPECT_TRUE(methods_complete(methods));
-}
-
 }  // namespace
