@@ -5,6 +5,7 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -53,6 +54,20 @@ size_t writable_now(int fd, size_t want, bool& use_send) {
   return want < device_chunk ? want : device_chunk;
 }
 
+// One write that never waits, whatever the descriptor's blocking mode: a pipe
+// or socket takes what fits now, or reports EAGAIN when it is full. Returns the
+// count written or -errno; -EOPNOTSUPP where the descriptor (a regular file, a
+// terminal) or the kernel has no such write.
+long write_without_waiting(int fd, const unsigned char* p, size_t n) {
+#ifdef RWF_NOWAIT
+  iovec v{const_cast<unsigned char*>(p), n};
+  const ssize_t done = pwritev2(fd, &v, 1, -1, RWF_NOWAIT);
+  return done >= 0 ? static_cast<long>(done) : -errno;
+#else
+  return -EOPNOTSUPP;
+#endif
+}
+
 int64_t monotonic_ms() {
   timespec ts;
   clock_gettime(CLOCK_MONOTONIC, &ts);
@@ -71,6 +86,7 @@ sliding_window_v4* sliding_window_v4_create_buffer(unsigned long capacity) {
   w->write = w->begin;
   w->end = w->begin + capacity;
   w->last_fd = -1;
+  w->waiting_write_fd = -1;
   return w;
 }
 
@@ -121,6 +137,22 @@ long sliding_window_v4_empty_to_fd(sliding_window_v4* w, int fd, unsigned long f
   w->last_fd = fd;
   const size_t want = pending(w);
   if (want == 0) return 0;
+  // The common case, a pipe or socket with room, in one system call. When it
+  // is full, or refuses such a write, the wait and the size are worked out
+  // below.
+  if (fd != w->waiting_write_fd) {
+    const long done = write_without_waiting(fd, w->read, want);
+    if (done >= 0) {
+      w->read += done;
+      return done;
+    }
+    if (done == -EOPNOTSUPP || done == -ENOSYS || done == -EINVAL)
+      w->waiting_write_fd = fd;
+    else if (done == -EINTR)
+      return 0;
+    else if (done != -EAGAIN && done != -EWOULDBLOCK)
+      return done;
+  }
   pollfd p{fd, POLLOUT, 0};
   const int ready = poll(&p, 1, empty_wait_ms);
   if (ready < 0) return errno == EINTR ? 0 : -errno;

@@ -13,6 +13,7 @@ struct sliding_window_v4 {
   unsigned char* write;  // one past the newest pending byte
   unsigned char* end;    // one past the last byte of storage
   int last_fd;           // descriptor last emptied to, -1 before the first
+  int waiting_write_fd;  // descriptor that refused a write without waiting, -1 if none
 };
 
 // A new empty window of `capacity` bytes, or null.
@@ -33,5 +34,6 @@ int sliding_window_v4_is_sane(const sliding_window_v4* w);
 
 // Writes pending bytes, oldest first, to `fd`, waiting at most about 10 ms for
 // it to take any. Returns the count written, 0 when it takes nothing now,
-// negative on an error of the descriptor. `flags` must be 0.
+// negative on an error of the descriptor. `flags` must be 0. A pipe or socket
+// with room costs one system call.
 long sliding_window_v4_empty_to_fd(sliding_window_v4* w, int fd, unsigned long flags);

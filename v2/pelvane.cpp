@@ -28,7 +28,6 @@ extern "C" {
 namespace {
 
 constexpr int avio_buffer_size = 4096;
-constexpr unsigned watchdog_seconds = 30;
 
 // main's sink; its window is destroyed on every way out of the run.
 my_avio_ctx* run_sink = nullptr;
@@ -46,6 +45,7 @@ struct output_side {
   AVStream* audio = nullptr;
   AVBSFContext* annexb_filter = nullptr;
   AVPacket* packet = nullptr;
+  AVPacket* filtered = nullptr;  // the filter's output, reused for every video packet
 };
 
 [[noreturn]] void end_run(int status) {
@@ -128,6 +128,7 @@ input_side open_input() {
     av_dict_set(&input_options, "probesize", "32000000", 0);
   }
   int e = avformat_open_input(&in.ctx, source_url.c_str(), nullptr, &input_options);
+  av_dict_free(&input_options);  // what the input did not take is not used
   if (e < 0) {
     report_ff_failure(with_url("Failed to open input stream '%s'. "), e);
     if (e == AVERROR(EPROTONOSUPPORT)) fputs("FFMPEG says not supported.\n", stderr);
@@ -282,6 +283,7 @@ output_side setup_output(const input_side& in, my_avio_ctx& sink) {
   }
   sink_output_held = true;  // released once the response head is out
   e = avformat_write_header(out.ctx, &output_options);
+  av_dict_free(&output_options);  // options the muxer did not know are left in it
   if (e < 0) {
     report_ff_failure(with_url("Failed to write output header for '%s'. "), e);
     fail_run();
@@ -317,8 +319,13 @@ output_side setup_output(const input_side& in, my_avio_ctx& sink) {
 
 // ---- relay loop ----
 
+// The muxer may hand one packet to the sink in several writes (a 4096-byte
+// AVIO buffer); they leave standard output together once the call returns.
 void write_packet(AVFormatContext* out, AVPacket* pkt) {
+  sink_defer_emptying = true;
   const int e = av_interleaved_write_frame(out, pkt);
+  sink_defer_emptying = false;
+  sink_flush(*run_sink);
   if (e < 0) report_ff_failure("Failed to write A/V packet. ", e);
 }
 
@@ -330,13 +337,14 @@ void relay_video(const input_side& in, output_side& out, stamp_state& st, AVPack
     write_packet(out.ctx, pkt);
     return;
   }
-  AVPacket* filtered = av_packet_alloc();
+  if (!out.filtered) out.filtered = av_packet_alloc();
+  AVPacket* filtered = out.filtered;
   if (av_bsf_send_packet(out.annexb_filter, pkt) >= 0 &&
       av_bsf_receive_packet(out.annexb_filter, filtered) >= 0) {
     filtered->stream_index = out.video->index;
     write_packet(out.ctx, filtered);
   }
-  av_packet_free(&filtered);
+  av_packet_unref(filtered);
 }
 
 void relay_audio(const input_side& in, output_side& out, stamp_state& st, AVPacket* pkt) {
@@ -350,10 +358,16 @@ void relay_packets(input_side& in, output_side& out) {
   stamp_state video_stamps;
   stamp_state audio_stamps;
   AVPacket* pkt = out.packet;
+  bool stop_handlers_installed = false;
   while (stop_signal_count == 0) {
-    signal(SIGINT, on_stop_signal);
-    signal(SIGQUIT, on_stop_signal);
-    alarm(watchdog_seconds);
+    // Installed by the first iteration; the handler stays in place after a
+    // signal (BSD semantics of signal()), so once is enough.
+    if (!stop_handlers_installed) {
+      signal(SIGINT, on_stop_signal);
+      signal(SIGQUIT, on_stop_signal);
+      stop_handlers_installed = true;
+    }
+    rearm_watchdog();
     const int e = av_read_frame(in.ctx, pkt);
     if (e < 0) {
       fputs(e == AVERROR_EOF ? "end of stream. exiting..\n" : "av_read_frame() failed. exiting.\n", stderr);
@@ -380,6 +394,7 @@ void relay_packets(input_side& in, output_side& out) {
   avformat_free_context(out.ctx);
   out.ctx = nullptr;
   av_bsf_free(&out.annexb_filter);
+  av_packet_free(&out.filtered);
   end_run(0);
 }
 
@@ -392,7 +407,12 @@ int main(int argc, char** argv) {
   run_sink = &sink;
 
   take_command_line(argc, argv);
+  // A server that accepts and then never answers (the RTSP probe, opening the
+  // input, reading its stream information) must not hold the run for ever:
+  // the watchdog guards set-up as it guards the relay.
+  alarm(watchdog_seconds);
   check_source();
+  alarm(watchdog_seconds);
   input_side in = open_input();
   output_side out = setup_output(in, sink);
   relay_packets(in, out);

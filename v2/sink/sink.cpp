@@ -1,5 +1,6 @@
 #include "v2/sink/sink.h"
 
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,7 +15,14 @@ namespace {
 constexpr size_t ts_packet_size = 188;
 constexpr unsigned char ts_sync_byte = 0x47;
 constexpr useconds_t idle_pass_sleep_us = 10000;
-constexpr unsigned watchdog_seconds = 30;
+constexpr int64_t watchdog_rearm_step_ns = 100000000;  // 100 ms
+
+// When rearm_watchdog last called alarm (CLOCK_MONOTONIC_COARSE, ns).
+int64_t last_rearm_ns = INT64_MIN / 2;
+
+// Emptying attempts that deferred writes have left to sink_flush. Making at
+// most that many keeps the waits on a slow reader what they would have been.
+size_t deferred_emptyings = 0;
 
 // Empties the window to standard output unless output is held.
 long empty_window(my_avio_ctx& ctx) {
@@ -44,6 +52,24 @@ void splice_front_event(my_avio_ctx& ctx) {
 }  // namespace
 
 bool sink_output_held = false;
+bool sink_defer_emptying = false;
+
+void sink_flush(my_avio_ctx& ctx) {
+  size_t attempts = deferred_emptyings;
+  deferred_emptyings = 0;
+  if (!ctx.out_buffer) return;
+  while (attempts-- > 0 && ctx.out_buffer->read != ctx.out_buffer->write)
+    if (empty_window(ctx) <= 0) break;
+}
+
+void rearm_watchdog() {
+  timespec ts;
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &ts);
+  const int64_t now = static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
+  if (now - last_rearm_ns < watchdog_rearm_step_ns) return;
+  last_rearm_ns = now;
+  alarm(watchdog_seconds);
+}
 
 void sink_release_output(my_avio_ctx& ctx) {
   sink_output_held = false;
@@ -81,12 +107,17 @@ int my_avio_write(void* opaque, const uint8_t* buf, int n) {
   // Caption events may only stand between two of the muxer's packets.
   if (!vtt_event_queue.empty() && is_whole_ts_packets(buf, len)) splice_front_event(ctx);
 
-  alarm(watchdog_seconds);
+  rearm_watchdog();
   size_t done = 0;
   while (done < len) {
     if (stop_signal_count != 0) break;
     const int copied = ctx.take_data(buf + done, len - done);
     done += static_cast<size_t>(copied);
+    if (sink_defer_emptying && done == len &&
+        static_cast<size_t>(ctx.out_buffer->write - ctx.out_buffer->read) < sink_defer_limit) {
+      ++deferred_emptyings;  // sink_flush writes it out when the muxer call returns
+      break;
+    }
     const long written = empty_window(ctx);
     if (written < 0) break;
     if (copied == 0 && written == 0) usleep(idle_pass_sleep_us);

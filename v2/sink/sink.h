@@ -27,8 +27,27 @@ extern bool sink_output_held;
 // Writes out the bytes held so far (waits bounded as for any emptying).
 void sink_release_output(my_avio_ctx& ctx);
 
+// While set (by the relay loop, around each muxer call), a write that fits in
+// the window is only copied; sink_flush empties the window once the muxer call
+// has returned, so a packet that the muxer hands over in several pieces leaves
+// in one system call. A write that does not fit, or that leaves a pending
+// region of sink_defer_limit bytes or more, is emptied at once as usual.
+extern bool sink_defer_emptying;
+constexpr size_t sink_defer_limit = 65536;  // a pipe's default capacity
+
+// Makes the emptying attempts that deferred writes skipped (at most one per
+// write), stopping early when nothing is pending, an attempt writes nothing
+// (after its bounded wait) or the descriptor fails. None while output is held.
+void sink_flush(my_avio_ctx& ctx);
+
 // True when n is a multiple of 188 and every 188th byte from 0 is 0x47.
 bool is_whole_ts_packets(const uint8_t* buf, size_t n);
+
+// Re-arms the 30-second watchdog (alarm) for the sink and the relay loop. The
+// system call is made at most once per 100 ms (the clock read costs none), so
+// the watchdog fires between 29.9 and 30 seconds after the last progress.
+void rearm_watchdog();
+constexpr unsigned watchdog_seconds = 30;
 
 // The AVIO write callback; `opaque` is the my_avio_ctx. Returns the count of
 // the muxer's bytes taken (never negative).

@@ -49,31 +49,24 @@ struct pipe_pair {
   }
 };
 
-TEST(SlidingWindow, CreateAndDestroy) {
+TEST(SlidingWindow, CreateDestroyAndSanity) {
   EXPECT_EQ(sliding_window_v4_destroy(nullptr), nullptr);
   EXPECT_EQ(sliding_window_v4_create_buffer(0), nullptr);
-  sliding_window_v4* w = sliding_window_v4_create_buffer(64);
+  sliding_window_v4* w = sliding_window_v4_create_buffer(16);
   ASSERT_NE(w, nullptr);
-  EXPECT_EQ(w->end - w->begin, 64);
-  EXPECT_EQ(w->read, w->begin);
-  EXPECT_EQ(w->write, w->begin);
+  EXPECT_TRUE(w->end - w->begin == 16 && w->read == w->begin && w->write == w->begin);
   EXPECT_TRUE(sliding_window_v4_is_sane(w));
+  w->read = w->write + 1;
+  EXPECT_FALSE(sliding_window_v4_is_sane(w)) << "read past write";
+  w->read = w->begin;
+  w->write = w->end + 1;
+  EXPECT_FALSE(sliding_window_v4_is_sane(w)) << "write past the end";
+  w->write = w->begin;
   EXPECT_EQ(sliding_window_v4_destroy(w), nullptr);
 }
 
-TEST(SlidingWindow, InsanePositionsAreReported) {
-  sliding_window_v4* w = sliding_window_v4_create_buffer(16);
-  unsigned char* saved = w->read;
-  w->read = w->write + 1;
-  EXPECT_FALSE(sliding_window_v4_is_sane(w));
-  w->read = saved;
-  w->write = w->end + 1;
-  EXPECT_FALSE(sliding_window_v4_is_sane(w));
-  w->write = w->begin;
-  sliding_window_v4_destroy(w);
-}
-
-// Room is reclaimed without losing or reordering pending bytes.
+// Room is reclaimed without losing or reordering pending bytes. Long random runs of
+// copying, emptying and reclaiming are fuzzed (fuzz/targets/sliding_window.cpp).
 TEST(SlidingWindow, LazyFlush) {
   const struct {
     const char* name;
@@ -95,32 +88,6 @@ TEST(SlidingWindow, LazyFlush) {
     EXPECT_TRUE(sliding_window_v4_is_sane(w)) << c.name;
     sliding_window_v4_destroy(w);
   }
-}
-
-TEST(SlidingWindow, EmptiesOldestFirstAcrossWrapsAndCompaction) {
-  pipe_pair p;
-  sliding_window_v4* w = sliding_window_v4_create_buffer(32);
-  std::string sent, got;
-  for (int round = 0; round < 50; ++round) {
-    sliding_window_v4_lazy_flush(w);
-    std::string chunk;
-    const size_t room = static_cast<size_t>(w->end - w->write);
-    for (size_t i = 0; i < room && i < static_cast<size_t>(7 + round % 11); ++i)
-      chunk += static_cast<char>('a' + (sent.size() + i) % 26);
-    put(w, chunk);
-    sent += chunk;
-    // Empty only part of it, so pending bytes sit at every offset.
-    unsigned char* limit = w->write;
-    if (round % 3 == 0 && w->write - w->read > 5) w->write = w->read + 5;
-    const long n = sliding_window_v4_empty_to_fd(w, p.w, 0);
-    w->write = limit;
-    ASSERT_GE(n, 0);
-    got += p.drain();
-  }
-  while (w->read != w->write) ASSERT_GE(sliding_window_v4_empty_to_fd(w, p.w, 0), 0);
-  got += p.drain();
-  EXPECT_EQ(got, sent);
-  sliding_window_v4_destroy(w);
 }
 
 TEST(SlidingWindow, ErrorsAndNothingPending) {
