@@ -22,7 +22,7 @@ import datetime
 import json
 import os
 import platform
-import re
+import shutil
 import signal
 import socket
 import statistics
@@ -686,6 +686,9 @@ def write_report(path, plot_name, results, machine, micro, plan):
 
 
 def write_plot(path, results, plan, work):
+    if not shutil.which('gnuplot'):
+        log('no gnuplot (Debian package gnuplot-nox): no plot')
+        return
     data = os.path.join(work, 'cpu_per_stream.dat')
     series = []
     with open(data, 'w') as f:
