@@ -488,8 +488,8 @@ def ratio(a, b):
     return a / b if a is not None and b else None
 
 
-def fmt_num(v, spec):
-    return '-' if v is None else format(v, spec)
+def fmt_num(v, number_format):
+    return '-' if v is None else format(v, number_format)
 
 
 def live_summary(results, fmt, relays):
@@ -595,11 +595,11 @@ def write_report(path, plot_name, results, machine, micro, plan):
         rows = [r for r in results['throughput'] if r['fmt'] == fmt]
         if not rows:
             continue
-        for key, label, scale, spec in (('cpu', 'CPU s (user+sys)', 1, '.3f'), ('wall', 'wall s', 1, '.3f'),
+        for key, label, scale, number_format in (('cpu', 'CPU s (user+sys)', 1, '.3f'), ('wall', 'wall s', 1, '.3f'),
                                         ('bytes', 'bytes out', 1, ',.0f'), ('maxrss_kib', 'peak RSS MiB', 1 / 1024, '.1f')):
             m = tool_medians(rows, key)
             w('| %s | %s | %s | %s | %s |' % ('MPEG-TS' if fmt == 'ts' else 'MP4', label,
-                                              fmt_num(m['pelvane'] * scale, spec), fmt_num(m['ffmpeg'] * scale, spec),
+                                              fmt_num(m['pelvane'] * scale, number_format), fmt_num(m['ffmpeg'] * scale, number_format),
                                               fmt_num(ratio(m['pelvane'], m['ffmpeg']), '.2f')))
     w('')
 

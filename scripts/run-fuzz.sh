@@ -2,7 +2,7 @@
 # Runs every libFuzzer target of a fuzz build directory (fuzz/CMakeLists.txt)
 # for FUZZ_SECONDS seconds each (default 180), FUZZ_JOBS at a time (default 2).
 #
-# Each target starts from its checked-in seeds, fuzz/corpus/<target>/, which it
+# Each target starts from its checked-in inputs, fuzz/corpus/<target>/, which it
 # only reads; inputs that reach new code are kept in <build>/corpus/<target>/,
 # so later runs go on from there. A crash, a sanitizer report, a failed check,
 # a hang (an input running over 25 s) or a run of memory fails the run; the
@@ -25,12 +25,12 @@ rm -f "$dir"/logs/*.status
 
 run_target() {
   local exe=$1 name=${1#fuzz_}
-  local seeds="$repo/fuzz/corpus/$name"
+  local start="$repo/fuzz/corpus/$name"
   mkdir -p "$dir/corpus/$name"
-  [ -d "$seeds" ] || seeds=
+  [ -d "$start" ] || start=
   "$dir/$exe" -max_total_time="$seconds" -timeout=25 -rss_limit_mb=2560 -max_len=8192 \
       -print_final_stats=1 -artifact_prefix="$dir/artifacts/$name-" \
-      "$dir/corpus/$name" $seeds >"$dir/logs/$name.log" 2>&1
+      "$dir/corpus/$name" $start >"$dir/logs/$name.log" 2>&1
   echo $? >"$dir/logs/$name.status"
 }
 

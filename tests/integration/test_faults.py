@@ -47,8 +47,8 @@ harness.register_media('bulk_vtt.mkv', lambda out: ['-i', harness.media_path('bu
                                                      '-map', '0', '-map', '1', '-c', 'copy'])
 
 
-def seeded_bytes(n, seed):
-    return random.Random(seed).randbytes(n)
+def fixed_random_bytes(n, key):
+    return random.Random(key).randbytes(n)
 
 
 # ---------------------------------------------------------------- scripted peers
@@ -146,11 +146,11 @@ def silent(conn, server):
 
 
 def garbage_source(conn, server):
-    conn.sendall(seeded_bytes(2 * MIB, 7))
+    conn.sendall(fixed_random_bytes(2 * MIB, 7))
 
 
 def rtsp_garbage(conn, server):
-    conn.sendall(seeded_bytes(64 * 1024, 11))
+    conn.sendall(fixed_random_bytes(64 * 1024, 11))
 
 
 def rtsp_hang_up_after_options(conn, server):
@@ -422,8 +422,8 @@ class Faults(harness.RelayChecks):
         server = peers.HttpPeer(files).__enter__()
         self.addCleanup(server.__exit__)
         for n, (case, data) in enumerate([
-                ('random bytes between two packets', ts[:at] + seeded_bytes(300 * 1024, 3) + ts[at:]),
-                ('random bytes inside a packet', ts[:at + 100] + seeded_bytes(64 * 1024, 5) + ts[at + 100:]),
+                ('random bytes between two packets', ts[:at] + fixed_random_bytes(300 * 1024, 3) + ts[at:]),
+                ('random bytes inside a packet', ts[:at + 100] + fixed_random_bytes(64 * 1024, 5) + ts[at + 100:]),
                 ('sync bytes with nothing behind them', ts[:at] + b'\x47' * 50000 + ts[at:])]):
             with self.subTest(case=case):
                 harness.write_file(os.path.join(files, '%d.ts' % n), data)

@@ -1,4 +1,4 @@
-// Properties of the converters over random cue sequences (fixed seed), and
+// Properties of the converters over random cue sequences (a fixed generator state), and
 // their behaviour on hostile input.
 #include <gtest/gtest.h>
 
