@@ -64,3 +64,21 @@ bench: deps
 
 clean:
 	rm -rf build
+
+# Install and package from build/dist (the programs alone, no tests):
+# `make install` (PREFIX, default /usr/local; DESTDIR for a staging root) and
+# `make deb` (build/dist/pelvane_<version>-1_<arch>.deb).
+PREFIX ?= /usr/local
+.PHONY: build-dist install deb
+
+build/dist/build.ninja:
+	cmake -S . -B build/dist -G Ninja -DBUILD_TESTING=OFF
+
+build-dist: build/dist/build.ninja
+	ninja -C build/dist -j$(JOBS)
+
+install: build-dist
+	DESTDIR=$(DESTDIR) cmake --install build/dist --prefix $(PREFIX)
+
+deb: build-dist
+	cd build/dist && cpack -G DEB
