@@ -1,6 +1,5 @@
 #!/usr/bin/python3
-"""pelvane served to real HTTP clients through the front ends its examples ship (inetd-style socket
-activation and socat, one relay per connection), and its manual pages against the programs."""
+"""pelvane behind the front ends its examples ship, read by HTTP clients; its manual pages."""
 
 import os
 import re
@@ -13,7 +12,6 @@ import unittest
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import harness  # noqa: E402
 import peers  # noqa: E402
-
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 HEAD = b'HTTP/1.0 200 OK\nContent-Type: video/mp2t\n\n'
@@ -33,18 +31,10 @@ def front_end(kind, port, relay):
             'EXEC:' + ' '.join("'%s'" % a for a in relay)]
 
 
-def relays_in(group):
-    """Live (not zombie) pelvane processes of the process group `group`."""
-    found = []
-    for pid in filter(str.isdigit, os.listdir('/proc')):
-        try:
-            stat = open('/proc/%s/stat' % pid).read()
-        except OSError:
-            continue
-        fields = stat[stat.rindex(')') + 2:].split()
-        if stat[stat.index('(') + 1:stat.rindex(')')] == 'pelvane' and fields[0] != 'Z' and int(fields[2]) == group:
-            found.append(int(pid))
-    return found
+def relays_in(session):
+    """Live (not zombie) pelvane processes of the front end's session."""
+    ps = subprocess.run(['ps', '-o', 'stat=,comm=', '--sid', str(session)], capture_output=True, text=True).stdout
+    return [line for line in ps.splitlines() if line.split()[1:] == ['pelvane'] and not line.startswith('Z')]
 
 
 def codecs(path_or_url):
