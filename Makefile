@@ -71,8 +71,13 @@ clean:
 PREFIX ?= /usr/local
 .PHONY: build-dist install deb
 
+# Debian's hardening flags (fortify, stack protector, relro, bind-now).
+DIST_FLAGS = DEB_BUILD_MAINT_OPTIONS=hardening=+all dpkg-buildflags --get
+
 build/dist/build.ninja:
-	cmake -S . -B build/dist -G Ninja -DBUILD_TESTING=OFF
+	CFLAGS="$$($(DIST_FLAGS) CFLAGS) $$($(DIST_FLAGS) CPPFLAGS)" \
+	  CXXFLAGS="$$($(DIST_FLAGS) CXXFLAGS) $$($(DIST_FLAGS) CPPFLAGS)" LDFLAGS="$$($(DIST_FLAGS) LDFLAGS)" \
+	  cmake -S . -B build/dist -G Ninja -DBUILD_TESTING=OFF
 
 build-dist: build/dist/build.ninja
 	ninja -C build/dist -j$(JOBS)
