@@ -185,6 +185,15 @@ bool repair_audio_stamps(stamp_state& st, int64_t& pts, int64_t& dts, bool key) 
   return repair_stamps(st, pts, dts, key, true);
 }
 
+bool no_progress_for(progress_clock& c, int64_t count, int64_t now_ms, int64_t limit_ms) {
+  if (count != c.count) {
+    c.count = count;
+    c.since_ms = now_ms;
+    return false;
+  }
+  return now_ms - c.since_ms >= limit_ms;
+}
+
 bool needs_annexb_filter(bool has_video, bool is_h264, const uint8_t* extradata,
                          int extradata_size, bool allow_mp4) {
   if (!has_video || !is_h264 || allow_mp4 || !extradata || extradata_size < 4) return false;

@@ -79,6 +79,17 @@ bool repair_video_stamps(stamp_state& st, int64_t& pts, int64_t& dts, bool key);
 bool repair_audio_stamps(stamp_state& st, int64_t& pts, int64_t& dts, bool key);
 constexpr int64_t synthetic_audio_step = 1920;
 
+// ---- set-up watch ----
+
+// A count that shows progress (bytes read so far) and when it last moved.
+struct progress_clock {
+  int64_t count = 0;
+  int64_t since_ms = 0;
+};
+
+// Notes `count` as seen at `now_ms`; true once it has not moved for `limit_ms`.
+bool no_progress_for(progress_clock& c, int64_t count, int64_t now_ms, int64_t limit_ms);
+
 // ---- output ----
 
 // Whether H.264 needs the length-prefix to start-code filter.
