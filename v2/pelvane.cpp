@@ -3,11 +3,13 @@
 // as caption events. main runs the stages once each, in order: command line,
 // input, output, relay loop, clean-up.
 
+#include <time.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <vector>
 
 extern "C" {
@@ -101,6 +103,84 @@ void check_source() {
   }
 }
 
+// ---- set-up watch ----
+
+// While the input is opened and its streams are read, FFmpeg polls
+// interrupt_on_stall (every 100 ms or so while it waits on the source). It
+// interrupts once no byte has been read for watchdog_seconds, so a source
+// that stops answering fails through the usual set-up messages instead of
+// dying by SIGALRM, and one that keeps sending (a long playlist probe on a
+// slow link) is never cut off. Bytes are counted over every I/O context the
+// input opens (a playlist opens one per segment), followed through the
+// context's open and close callbacks; an input that does its own I/O
+// (rtsp://) shows none, and then the time since the set-up began counts.
+struct setup_watch_state {
+  bool active = false;
+  bool fired = false;
+  progress_clock clock;
+  int64_t closed_bytes = 0;  // read by contexts already closed
+  std::vector<AVIOContext*> open_ios;
+  decltype(AVFormatContext::io_open) default_open = nullptr;
+  decltype(AVFormatContext::io_close2) default_close = nullptr;
+};
+setup_watch_state setup_watch;
+
+int64_t monotonic_ms() {
+  timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+int interrupt_on_stall(void*) {
+  if (!setup_watch.active) return 0;
+  if (setup_watch.fired) return 1;
+  int64_t bytes = setup_watch.closed_bytes;
+  for (const AVIOContext* pb : setup_watch.open_ios) bytes += pb->bytes_read;
+  setup_watch.fired = no_progress_for(setup_watch.clock, bytes, monotonic_ms(), watchdog_seconds * 1000);
+  return setup_watch.fired ? 1 : 0;
+}
+
+int open_watched(AVFormatContext* s, AVIOContext** pb, const char* url, int flags, AVDictionary** options) {
+  const int e = setup_watch.default_open(s, pb, url, flags, options);
+  if (e >= 0 && *pb) setup_watch.open_ios.push_back(*pb);
+  return e;
+}
+
+int close_watched(AVFormatContext* s, AVIOContext* pb) {
+  for (auto it = setup_watch.open_ios.begin(); it != setup_watch.open_ios.end(); ++it) {
+    if (*it != pb) continue;
+    setup_watch.closed_bytes += pb->bytes_read;
+    setup_watch.open_ios.erase(it);
+    break;
+  }
+  return setup_watch.default_close(s, pb);
+}
+
+void start_setup_watch(AVFormatContext* ctx) {
+  setup_watch.active = true;
+  setup_watch.clock = progress_clock{0, monotonic_ms()};
+  setup_watch.default_open = ctx->io_open;
+  setup_watch.default_close = ctx->io_close2;
+  ctx->io_open = open_watched;
+  ctx->io_close2 = close_watched;
+  ctx->interrupt_callback.callback = interrupt_on_stall;
+}
+
+// From here on the relay loop's watchdog alone guards the run.
+void end_setup_watch(AVFormatContext* ctx) {
+  setup_watch.active = false;
+  ctx->io_open = setup_watch.default_open;
+  ctx->io_close2 = setup_watch.default_close;
+  setup_watch.open_ios.clear();
+}
+
+// A set-up failure the watch caused gets a line of its own first.
+void report_input_failure(const char* format, int e) {
+  if (setup_watch.fired)
+    fputs(with_url("Source '%s' stopped answering: nothing read for 30 seconds\n").c_str(), stderr);
+  report_ff_failure(with_url(format), e);
+}
+
 // ---- input ----
 
 std::vector<stream_desc> describe_streams(const AVFormatContext* in) {
@@ -127,18 +207,25 @@ input_side open_input() {
     av_dict_set(&input_options, "http_multiple", "1", 0);
     av_dict_set(&input_options, "probesize", "32000000", 0);
   }
-  int e = avformat_open_input(&in.ctx, source_url.c_str(), nullptr, &input_options);
+  in.ctx = avformat_alloc_context();
+  int e = AVERROR(ENOMEM);
+  if (in.ctx) {
+    start_setup_watch(in.ctx);
+    e = avformat_open_input(&in.ctx, source_url.c_str(), nullptr, &input_options);  // frees ctx on failure
+  }
   av_dict_free(&input_options);  // what the input did not take is not used
   if (e < 0) {
-    report_ff_failure(with_url("Failed to open input stream '%s'. "), e);
+    report_input_failure("Failed to open input stream '%s'. ", e);
     if (e == AVERROR(EPROTONOSUPPORT)) fputs("FFMPEG says not supported.\n", stderr);
     fail_run();
   }
   e = avformat_find_stream_info(in.ctx, nullptr);
+  if (e >= 0 && setup_watch.fired) e = AVERROR_EXIT;  // streams found before the stall are not enough
   if (e < 0) {
-    report_ff_failure(with_url("Failed to get input stream info for '%s'. "), e);
+    report_input_failure("Failed to get input stream info for '%s'. ", e);
     fail_run();
   }
+  end_setup_watch(in.ctx);
   av_dump_format(in.ctx, 0, source_url.c_str(), 0);
 
   const std::vector<stream_desc> streams = describe_streams(in.ctx);
@@ -359,9 +446,10 @@ void relay_packets(input_side& in, output_side& out) {
   stamp_state audio_stamps;
   AVPacket* pkt = out.packet;
   bool stop_handlers_installed = false;
-  while (stop_signal_count == 0) {
+  while (stop_signal_count == 0 && sink_output_error == 0) {
     // Installed by the first iteration; the handler stays in place after a
-    // signal (BSD semantics of signal()), so once is enough.
+    // signal (BSD semantics of signal()), so once is enough, and two
+    // sigaction calls per packet were a measurable share of its system calls.
     if (!stop_handlers_installed) {
       signal(SIGINT, on_stop_signal);
       signal(SIGQUIT, on_stop_signal);
@@ -381,6 +469,8 @@ void relay_packets(input_side& in, output_side& out) {
       ingest_caption_packet(pkt);
     av_packet_unref(pkt);
   }
+  if (sink_output_error != 0)
+    fprintf(stderr, "Standard output failed (%s). exiting.\n", strerror(sink_output_error));
 }
 
 [[noreturn]] void clean_up(input_side& in, output_side& out) {
@@ -398,21 +488,32 @@ void relay_packets(input_side& in, output_side& out) {
   end_run(0);
 }
 
+// Ignored signals stay ignored across exec, and a blocked mask is inherited:
+// whatever the parent did, a client that has gone ends the run through
+// SIGPIPE and the watchdog through SIGALRM, their default actions.
+void restore_default_signals() {
+  signal(SIGPIPE, SIG_DFL);
+  signal(SIGALRM, SIG_DFL);
+  sigset_t ours;
+  sigemptyset(&ours);
+  sigaddset(&ours, SIGPIPE);
+  sigaddset(&ours, SIGALRM);
+  sigprocmask(SIG_UNBLOCK, &ours, nullptr);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  restore_default_signals();
   vtt_608_context = webvtt_conv_context_start();
   vtt_708_context = webvtt_conv_context_start();
   my_avio_ctx sink;
   run_sink = &sink;
 
   take_command_line(argc, argv);
-  // A server that accepts and then never answers (the RTSP probe, opening the
-  // input, reading its stream information) must not hold the run for ever:
-  // the watchdog guards set-up as it guards the relay.
-  alarm(watchdog_seconds);
+  // A server that stops answering during set-up fails it with a message: the
+  // probe's requests by their own time limits, the input by its set-up watch.
   check_source();
-  alarm(watchdog_seconds);
   input_side in = open_input();
   output_side out = setup_output(in, sink);
   relay_packets(in, out);

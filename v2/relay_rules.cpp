@@ -136,32 +136,44 @@ int choose_vtt(const std::vector<stream_desc>& streams) {
   return -1;
 }
 
-// Moves dts past the last one written; pts keeps its distance to dts.
-static void push_dts_forward(stamp_state& st, int64_t& pts, int64_t& dts) {
+// Moves dts past the last one written; pts keeps its distance to dts. False,
+// with nothing changed, when the moved stamps cannot be represented (no stamp
+// after the last one, or a moved pts past the largest).
+static bool push_dts_forward(stamp_state& st, int64_t& pts, int64_t& dts) {
   if (st.last_dts >= dts) {
-    const int64_t moved = st.last_dts + 1;
-    if (pts != AV_NOPTS_VALUE) pts += moved - dts;
+    int64_t moved = 0;
+    if (__builtin_add_overflow(st.last_dts, 1, &moved)) return false;
+    if (pts != AV_NOPTS_VALUE) {
+      // Exact in 128 bits; above pts, so never the missing stamp.
+      const __int128 moved_pts = static_cast<__int128>(pts) + moved - dts;
+      if (moved_pts > INT64_MAX) return false;
+      pts = static_cast<int64_t>(moved_pts);
+    }
     dts = moved;
   }
   st.last_dts = dts;
+  return true;
 }
 
 // Shared by video and audio; `synthesize` gives stamp-less packets of a
 // started stream stamps of their own instead of passing them on as they are.
+// A packet whose repaired stamps cannot be represented is a discontinuity
+// that cannot be bridged: it is dropped and the state stays as it was, so the
+// stamps written keep strictly increasing (restarting the repair state would
+// let them go back).
 static bool repair_stamps(stamp_state& st, int64_t& pts, int64_t& dts, bool key, bool synthesize) {
   if (st.waiting_for_key) {
     if (!key || dts == AV_NOPTS_VALUE) return false;
-    st.last_dts = dts - 1;
+    st = stamp_state{dts, false};  // the first packet written keeps its stamps
+    return true;
   }
-  if (dts == AV_NOPTS_VALUE) {
-    if (synthesize) {
-      st.last_dts += synthetic_audio_step;
-      pts = dts = st.last_dts;
-    }
-  } else {
-    push_dts_forward(st, pts, dts);
+  if (dts != AV_NOPTS_VALUE) return push_dts_forward(st, pts, dts);
+  if (synthesize) {
+    int64_t next = 0;
+    if (__builtin_add_overflow(st.last_dts, synthetic_audio_step, &next)) return false;
+    st.last_dts = next;
+    pts = dts = next;
   }
-  st.waiting_for_key = false;
   return true;
 }
 
@@ -171,6 +183,15 @@ bool repair_video_stamps(stamp_state& st, int64_t& pts, int64_t& dts, bool key) 
 
 bool repair_audio_stamps(stamp_state& st, int64_t& pts, int64_t& dts, bool key) {
   return repair_stamps(st, pts, dts, key, true);
+}
+
+bool no_progress_for(progress_clock& c, int64_t count, int64_t now_ms, int64_t limit_ms) {
+  if (count != c.count) {
+    c.count = count;
+    c.since_ms = now_ms;
+    return false;
+  }
+  return now_ms - c.since_ms >= limit_ms;
 }
 
 bool needs_annexb_filter(bool has_video, bool is_h264, const uint8_t* extradata,

@@ -73,10 +73,22 @@ struct stamp_state {
 // Decides whether a packet of the stream is written and repairs its stamps
 // in place so that dts strictly increases. Returns true to write; the state
 // then counts the stream as started. Audio packets without dts get synthetic
-// stamps 1920 ticks apart once the stream has started.
+// stamps 1920 ticks apart once the stream has started. A packet whose
+// repaired stamps would not fit in 64 bits is dropped, the state unchanged.
 bool repair_video_stamps(stamp_state& st, int64_t& pts, int64_t& dts, bool key);
 bool repair_audio_stamps(stamp_state& st, int64_t& pts, int64_t& dts, bool key);
 constexpr int64_t synthetic_audio_step = 1920;
+
+// ---- set-up watch ----
+
+// A count that shows progress (bytes read so far) and when it last moved.
+struct progress_clock {
+  int64_t count = 0;
+  int64_t since_ms = 0;
+};
+
+// Notes `count` as seen at `now_ms`; true once it has not moved for `limit_ms`.
+bool no_progress_for(progress_clock& c, int64_t count, int64_t now_ms, int64_t limit_ms);
 
 // ---- output ----
 

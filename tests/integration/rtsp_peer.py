@@ -43,6 +43,7 @@ ANSWERS = {
     'notfound': {'describe_status': '404 Not Found'},
     'setup-fails': {'setup_status': '461 Unsupported Transport'},
     'garbage': {'garbage': True},                          # a line that is not RTSP, then close
+    'huge': {'sdp': MCAST + ('a=x-pad:' + 'A' * 1014 + '\r\n') * 1024},  # a 1 MiB description
 }
 
 

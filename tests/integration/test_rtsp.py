@@ -56,6 +56,7 @@ PASSED_ON = [
      "'RTP/AVP;multicast'\n'Session' = '12345678;timeout=60'\nFailed to parse web url IP\n"),
     ('host name in URL', 'rtsp://localhost/mcast/by-name', ['OPTIONS', 'DESCRIBE', 'SETUP'],
      "Failed to parse web url IP\n"),
+    ('1 MiB description', 'rtsp://127.0.0.1/huge', ['OPTIONS', 'DESCRIBE'], "DESCRIBE answer larger than 65536 bytes\n"),
 ]
 
 
@@ -110,6 +111,7 @@ class ScriptedPeer(harness.RelayChecks):
                 run = s.finish(1)
                 self.assertEqual((run.status, run.stdout), (1, b''), run.describe())
                 self.assertIn(stderr_part, run.stderr, run.describe())
+                self.assertLess(len(run.stderr), 100000, 'what the probe echoes is bounded')
                 if 'SETUP' not in methods or 'SETUP refused' == case:
                     self.assertNotIn(FOUND_INTERFACE, run.stderr, run.describe())
                 conns = self.connections(url)

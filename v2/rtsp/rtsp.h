@@ -11,6 +11,9 @@
 
 typedef void CURL;
 
+constexpr size_t rtsp_answer_limit = 65536;  // far more than any description needs
+constexpr long rtsp_silence_seconds = 30;     // a request ends after this long without progress
+
 // 0 when it has written the 302 answer on standard output (the run ends),
 // 1 when the source is to be relayed as usual. Reads source_url.
 int rtsp_probe();
@@ -18,7 +21,9 @@ int rtsp_probe();
 // The three requests, made on the probe's one easy handle for source_url.
 // Each captures the whole answer in a temporary file, dumps it and echoes
 // its status and header lines to standard error; 0 for success, 1 with the
-// reason written.
+// reason written. An answer (header lines and body) larger than
+// rtsp_answer_limit fails its request: "%s answer larger than %zu bytes\n"
+// after the dump of its first rtsp_answer_limit bytes.
 int rtsp_options(CURL* curl);
 int rtsp_describe(std::vector<std::string>& lines, CURL* curl);
 int rtsp_setup(CURL* curl, const sockaddr_in& destination);

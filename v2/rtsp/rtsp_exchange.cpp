@@ -1,7 +1,7 @@
-// The three RTSP requests over the probe's libcurl easy handle. libcurl's
-// default writer appends header lines and body to one temporary file per
-// request (no callbacks), which is dumped and then read by the answer readers.
-// libcurl numbers the requests (CSeq) and keeps the connection between them.
+// The three RTSP requests over the probe's libcurl easy handle. libcurl hands
+// header lines and body to one writer that appends them to a temporary file
+// per request, which is dumped and then read by the answer readers. libcurl
+// numbers the requests (CSeq) and keeps the connection between them.
 #include <curl/curl.h>
 
 #include "v2/rtsp/probe_rules.h"
@@ -10,25 +10,55 @@
 
 namespace {
 
+// One answer's capture: the file, and how much of the answer it holds.
+struct capture_file {
+  FILE* f = nullptr;
+  size_t taken = 0;
+  bool too_large = false;
+};
+
+// libcurl's writer for header lines and body alike. Past rtsp_answer_limit
+// it keeps what fits and returns a short count, which makes libcurl end the
+// transfer: a server cannot fill the disk, memory or standard error.
+size_t append_to_capture(char* data, size_t size, size_t count, void* opaque) {
+  auto& c = *static_cast<capture_file*>(opaque);
+  const size_t n = size * count;
+  const size_t room = rtsp_answer_limit - c.taken;
+  const size_t kept = n < room ? n : room;
+  if (fwrite(data, 1, kept, c.f) != kept) return 0;
+  c.taken += kept;
+  if (kept < n) c.too_large = true;
+  return kept;
+}
+
 // Makes one request for source_url with its answer captured in a new
 // temporary file, dumped to standard error and rewound. 1 when no capture
-// could be made. The transfer's own result is not examined: a failed one
-// leaves an empty or partial capture, which fails the status-line test.
+// could be made, or, after the dump of what was kept, when the answer was
+// larger than rtsp_answer_limit. The transfer's own result is not examined
+// otherwise: a failed one leaves an empty or partial capture, which fails
+// the status-line test.
 int capture_answer(CURL* curl, long request, const char* transport, const char* label, FILE*& capture) {
-  capture = tmpfile();
+  capture_file c;
+  c.f = capture = tmpfile();
   if (capture == nullptr) {
     fprintf(stderr, "tmpfile error\n");
     return 1;
   }
-  curl_easy_setopt(curl, CURLOPT_HEADERDATA, capture);
-  curl_easy_setopt(curl, CURLOPT_WRITEDATA, capture);
+  curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, append_to_capture);
+  curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, append_to_capture);
+  curl_easy_setopt(curl, CURLOPT_HEADERDATA, &c);
+  curl_easy_setopt(curl, CURLOPT_WRITEDATA, &c);
   curl_easy_setopt(curl, CURLOPT_RTSP_STREAM_URI, source_url.c_str());
   curl_easy_setopt(curl, CURLOPT_RTSP_REQUEST, request);
   if (transport != nullptr) curl_easy_setopt(curl, CURLOPT_RTSP_TRANSPORT, transport);
   curl_easy_perform(curl);
   fflush(capture);
   dump_tmpfile(label, capture);
-  return 0;
+  if (!c.too_large) return 0;
+  fprintf(stderr, "%s answer larger than %zu bytes\n", label, rtsp_answer_limit);
+  fclose(capture);
+  capture = nullptr;
+  return 1;
 }
 
 }  // namespace

@@ -95,6 +95,11 @@ int rtsp_probe() {
   curl_easy_setopt(curl, CURLOPT_VERBOSE, 0L);
   curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 1L);
   curl_easy_setopt(curl, CURLOPT_URL, source_url.c_str());
+  // A server that connects slowly or stops answering ends its request, which
+  // then fails on its empty or partial answer: fewer than 30 bytes in 30 s.
+  curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, rtsp_silence_seconds);
+  curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, 1L);
+  curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, rtsp_silence_seconds);
 
   int result = probe_with(curl);
 

@@ -24,10 +24,13 @@ int64_t last_rearm_ns = INT64_MIN / 2;
 // most that many keeps the waits on a slow reader what they would have been.
 size_t deferred_emptyings = 0;
 
-// Empties the window to standard output unless output is held.
+// Empties the window to standard output unless output is held; notes the
+// first error of the descriptor.
 long empty_window(my_avio_ctx& ctx) {
   if (sink_output_held) return 0;
-  return sliding_window_v4_empty_to_fd(ctx.out_buffer, sink_fd, 0);
+  const long written = sliding_window_v4_empty_to_fd(ctx.out_buffer, sink_fd, 0);
+  if (written < 0 && sink_output_error == 0) sink_output_error = static_cast<int>(-written);
+  return written;
 }
 
 // Puts one queued caption event in front of the muxer's bytes. The event is
@@ -53,6 +56,7 @@ void splice_front_event(my_avio_ctx& ctx) {
 
 bool sink_output_held = false;
 bool sink_defer_emptying = false;
+int sink_output_error = 0;
 
 void sink_flush(my_avio_ctx& ctx) {
   size_t attempts = deferred_emptyings;
@@ -76,7 +80,7 @@ void sink_release_output(my_avio_ctx& ctx) {
   if (!ctx.out_buffer) return;
   int idle_passes = 0;
   while (ctx.out_buffer->read != ctx.out_buffer->write && idle_passes < 100) {
-    const long written = sliding_window_v4_empty_to_fd(ctx.out_buffer, sink_fd, 0);
+    const long written = empty_window(ctx);
     if (written < 0) break;
     idle_passes = written == 0 ? idle_passes + 1 : 0;
   }
@@ -110,7 +114,7 @@ int my_avio_write(void* opaque, const uint8_t* buf, int n) {
   rearm_watchdog();
   size_t done = 0;
   while (done < len) {
-    if (stop_signal_count != 0) break;
+    if (stop_signal_count != 0 || sink_output_error != 0) break;
     const int copied = ctx.take_data(buf + done, len - done);
     done += static_cast<size_t>(copied);
     if (sink_defer_emptying && done == len &&

@@ -32,6 +32,8 @@ void sink_release_output(my_avio_ctx& ctx);
 // has returned, so a packet that the muxer hands over in several pieces leaves
 // in one system call. A write that does not fit, or that leaves a pending
 // region of sink_defer_limit bytes or more, is emptied at once as usual.
+// Emptying after every piece cost one write system call per 4096 bytes, a
+// measurable share of the time spent on each relayed packet.
 extern bool sink_defer_emptying;
 constexpr size_t sink_defer_limit = 65536;  // a pipe's default capacity
 
@@ -40,12 +42,20 @@ constexpr size_t sink_defer_limit = 65536;  // a pipe's default capacity
 // (after its bounded wait) or the descriptor fails. None while output is held.
 void sink_flush(my_avio_ctx& ctx);
 
+// The errno of the first write error of standard output other than "try
+// again" (0 while there is none). From then on the sink takes no more bytes
+// and the relay loop ends the run as after a stop signal, so a client that
+// has gone ends the run even when SIGPIPE does not.
+extern int sink_output_error;
+
 // True when n is a multiple of 188 and every 188th byte from 0 is 0x47.
 bool is_whole_ts_packets(const uint8_t* buf, size_t n);
 
 // Re-arms the 30-second watchdog (alarm) for the sink and the relay loop. The
 // system call is made at most once per 100 ms (the clock read costs none), so
 // the watchdog fires between 29.9 and 30 seconds after the last progress.
+// Throttled because an alarm call on every packet and every muxer write was
+// a measurable share of the system calls made per relayed packet.
 void rearm_watchdog();
 constexpr unsigned watchdog_seconds = 30;
 
