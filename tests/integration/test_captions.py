@@ -67,21 +67,14 @@ for name, av in (('captions_av_vtt.mkv', 'captions_av.mkv'), ('captions_audio_vt
                                                      harness.media_path('captions.vtt'), '-map', '0', '-map', '1',
                                                      '-c', 'copy'])
 
-# Video whose frames end in runs of 0x47 ('G') and are padded to one size: 25 samples of 20,104 bytes
-# and a 112-byte moof make each MP4 fragment end in a write of 19 * 188 bytes that looks like whole
-# transport packets, which is where a queued caption event would be spliced into the MP4.
-SYNC_SAMPLE = 20104
-
-
+# Frames ending in runs of 0x47 ('G'), padded to 20,104 bytes: with its 112-byte moof each 25-frame
+# MP4 fragment then ends in a write of 19 * 188 bytes that looks like whole transport packets.
 def sync_run_h264(out):
     frames, au = [], []
     for nal in open(harness.media_path('captions_av.h264'), 'rb').read().split(b'\0\0\1')[1:]:
-        au.append(nal.rstrip(b'\0'))
-        if au[-1][0] & 0x1F in (1, 5):  # one slice per frame
-            pad = SYNC_SAMPLE - sum(4 + len(n) for n in au)
-            assert pad >= 4096, 'frame too large for the padded size'
-            frames.append(b''.join(b'\0\0\0\1' + n for n in au) + b'G' * pad)
-            au = []
+        au.append(b'\0\0\0\1' + nal.rstrip(b'\0'))
+        if nal[0] & 0x1F in (1, 5):  # one slice per frame
+            frames, au = frames + [b''.join(au).ljust(20104, b'G')], []
     harness.write_file(out, b''.join(frames))
 
 

@@ -96,23 +96,19 @@ TEST(CaptionIngest, QueueOverrunKeepsTheNewest) {
 TEST(CaptionIngest, HugeCuesAreCutToWhatOneEventCarries) {
   constexpr size_t room = caption_payload_max - caption_payload_fixed;  // identifier, settings and text
   const struct {
-    size_t identifier, value, text;  // sizes sent; settings are "a:" and the value
+    size_t identifier, value, text;  // sizes sent, settings being "a:" and the value; then sizes kept
     size_t kept_identifier, kept_value, kept_text;
-  } cases[] = {
-      {0, 0, 100000, 0, 0, room},
-      {1000, 20000, 100, 1000, room - 1002, 0},
-      {20000, 10, 100, room, 0, 0},
-  };
+  } cases[] = {{0, 0, 100000, 0, 0, room - 2}, {1000, 20000, 100, 1000, room - 1002, 0}, {20000, 10, 100, room, 0, 0}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.identifier);
     reset_caption_state();
-    side_data sides{{AV_PKT_DATA_WEBVTT_IDENTIFIER, std::string(c.identifier, 'i')}};
-    if (c.value) sides.push_back({AV_PKT_DATA_WEBVTT_SETTINGS, "a:" + std::string(c.value, 'v')});
-    ingest(std::string(c.text, 't'), 1000, 2000, sides);
+    ingest(std::string(c.text, 't'), 1000, 2000,
+           {{AV_PKT_DATA_WEBVTT_IDENTIFIER, std::string(c.identifier, 'i')},
+            {AV_PKT_DATA_WEBVTT_SETTINGS, "a:" + std::string(c.value, 'v')}});
     ASSERT_EQ(vtt_event_queue.size(), 1u);
     const VPVTTEvent& ev = vtt_event_queue.front();
     EXPECT_EQ(ev.identifier.size(), c.kept_identifier);
-    EXPECT_EQ(ev.settings.empty() ? 0 : ev.settings.at("a").size(), c.kept_value);
+    EXPECT_EQ(ev.settings.count("a") ? ev.settings.at("a").size() : 0, c.kept_value);
     EXPECT_EQ(ev.text.size(), c.kept_text);
   }
 }
