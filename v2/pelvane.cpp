@@ -465,7 +465,7 @@ void relay_packets(input_side& in, output_side& out) {
       relay_video(in, out, video_stamps, pkt);
     else if (pkt->stream_index == in.audio_index && out.audio)
       relay_audio(in, out, audio_stamps, pkt);
-    else if (pkt->stream_index == in.vtt_index && out.video)
+    else if (pkt->stream_index == in.vtt_index && out.video && !allow_mp4)  // events go only into MPEG-TS
       ingest_caption_packet(pkt);
     av_packet_unref(pkt);
   }

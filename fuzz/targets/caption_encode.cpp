@@ -104,14 +104,13 @@ std::string settings_text(const std::map<std::string, std::string>& settings) {
 
 // Times read back equal the keys when no lead or step had to be clamped. The
 // lead comes from the first key (a CEA-708 key may hold no words); the steps
-// run over the keys that have entries.
+// run over the keys that have entries. Keys and start compare as signed.
 bool times_exact(int64_t start, uint64_t first_key, const std::vector<uint64_t>& entry_keys) {
-  if (start < 0) return false;  // a lead is only told for entries before a start at or after 0
-  const uint64_t s = static_cast<uint64_t>(start);
-  uint64_t running = std::min(first_key, s);
-  if (s - running > 65535) return false;
-  for (uint64_t k : entry_keys) {
-    if (k < running || k - running > 65535 || k > uint64_t(INT64_MAX)) return false;
+  int64_t running = std::min(static_cast<int64_t>(first_key), start);
+  if (static_cast<uint64_t>(start) - static_cast<uint64_t>(running) > 65535) return false;
+  for (uint64_t key : entry_keys) {
+    const int64_t k = static_cast<int64_t>(key);
+    if (k < running || static_cast<uint64_t>(k) - static_cast<uint64_t>(running) > 65535) return false;
     running = k;
   }
   return true;

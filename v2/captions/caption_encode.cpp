@@ -36,24 +36,29 @@ uint16_t clamp_ms(uint64_t d) { return d > 65535 ? 65535 : static_cast<uint16_t>
 
 // Lead and first running time of a section whose first key is `first_key`:
 // entries before the cue start are told by the lead, the rest by steps.
+// Keys and the start compare as signed, so a cue starting before 0 gets
+// true entry times too.
 struct section_origin {
   uint16_t lead = 0;
-  uint64_t base = 0;
+  int64_t base = 0;
 };
 
 section_origin origin_of(bool empty, uint64_t first_key, int64_t start) {
-  const uint64_t start_u = static_cast<uint64_t>(start);
   section_origin o;
-  o.base = start_u;
-  if (empty) return o;
-  o.base = std::min(first_key, start_u);
-  if (static_cast<int64_t>(o.base) < start) o.lead = clamp_ms(start_u - o.base);
+  o.base = start;
+  const int64_t first = static_cast<int64_t>(first_key);
+  if (empty || first >= start) return o;
+  o.base = first;
+  o.lead = clamp_ms(static_cast<uint64_t>(start) - static_cast<uint64_t>(first));
   return o;
 }
 
-// Step from `running` to `key`; steps over 65,535 ms spill into the next entry.
-uint16_t step_to(uint64_t key, uint64_t& running) {
-  const uint16_t step = clamp_ms(std::max(key, running) - running);
+// Step from `running` to `key`; steps over 65,535 ms spill into the next
+// entry. running never passes key, so it cannot overflow.
+uint16_t step_to(uint64_t key, int64_t& running) {
+  const int64_t k = static_cast<int64_t>(key);
+  if (k <= running) return 0;
+  const uint16_t step = clamp_ms(static_cast<uint64_t>(k) - static_cast<uint64_t>(running));
   running += step;
   return step;
 }
@@ -94,7 +99,7 @@ void write_text(byte_writer& out, const std::string& text, size_t keep) {
 void write_cc608(byte_writer& out, const cc608_map& cc608, int64_t start, size_t keep) {
   const section_origin o = origin_of(cc608.empty(), cc608.empty() ? 0 : cc608.begin()->first, start);
   put_u16le(out, o.lead);
-  uint64_t running = o.base;
+  int64_t running = o.base;
   size_t written = 0;
   for (const auto& [key, pair] : cc608) {
     if (out.pos >= caption_soft_limit || written == keep) break;
@@ -109,10 +114,9 @@ void write_cc608(byte_writer& out, const cc608_map& cc608, int64_t start, size_t
 void write_cc708(byte_writer& out, const cc708_map& cc708, int64_t start, size_t keep) {
   const section_origin o = origin_of(cc708.empty(), cc708.empty() ? 0 : cc708.begin()->first, start);
   put_u16le(out, o.lead);
-  uint64_t running = o.base;
+  int64_t running = o.base;
   size_t written = 0;
-  // The soft limit is tested per key: the words of one key stay together
-  // unless the plan cuts them.
+  // The soft limit is tested per key: the words of one key stay together.
   for (const auto& [key, words] : cc708) {
     if (out.pos >= caption_soft_limit || written == keep) break;
     for (const q7ro_cea708_word& word : words) {
@@ -154,18 +158,21 @@ size_t caption_payload_length(const caption_payload_keep& parts) {
 caption_payload_keep plan_caption_payload(const caption_payload_keep& full, size_t limit, bool& cut) {
   cut = caption_payload_length(full) > limit;
   if (!cut) return full;
+  // A caption map goes whole or not at all: part of one would leave a
+  // half DTVCC packet, or pairs without the EOC or EDM that end them.
+  caption_payload_keep keep = full;
+  keep.cc708 = 0;
+  if (caption_payload_length(keep) <= limit) return keep;
+  keep.cc608 = 0;
   size_t budget = limit > caption_payload_fixed ? limit - caption_payload_fixed : 0;
-  auto take = [&budget](size_t want, size_t unit) {
-    const size_t n = std::min(want, budget / unit);
-    budget -= n * unit;
+  auto take = [&budget](size_t want) {
+    const size_t n = std::min(want, budget);
+    budget -= n;
     return n;
   };
-  caption_payload_keep keep;
-  keep.identifier = take(full.identifier, 1);
-  keep.settings = take(full.settings, 1);
-  keep.text = take(full.text, 1);
-  keep.cc608 = take(full.cc608, 4);
-  keep.cc708 = take(full.cc708, 5);
+  keep.identifier = take(full.identifier);
+  keep.settings = take(full.settings);
+  keep.text = take(full.text);
   return keep;
 }
 

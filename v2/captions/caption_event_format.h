@@ -56,9 +56,9 @@ caption_payload_keep measure_caption_payload(const VPVTTEvent& ev);
 size_t caption_payload_length(const caption_payload_keep& parts);
 
 // What to keep of an event whose parts measure `full` so that its payload
-// fits `limit` bytes: the CEA-708 words go first, from the last one back, then
-// the CEA-608 entries, the text, the settings and the identifier. `cut` says
-// whether anything was dropped.
+// fits `limit` bytes: first all CEA-708 words go, then if still too long all
+// CEA-608 entries, then the text, the settings and the identifier are cut.
+// `cut` says whether anything was dropped.
 caption_payload_keep plan_caption_payload(const caption_payload_keep& full, size_t limit, bool& cut);
 
 // Writes the payload of `ev` from offset 0 of `out`, keeping what `keep`

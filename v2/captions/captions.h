@@ -16,6 +16,7 @@ struct AVPacket;
 struct VPVTTEvent : WebVTTFileEvent_v1 {
   cc608_map cc608;
   cc708_map cc708;
+  size_t bytes = 0;  // memory it holds, counted when it is queued
 };
 
 // Replaces the cue's settings with the name:value pairs of `s`.
@@ -23,8 +24,12 @@ void CueSettingsStringToVTTFileEvent(WebVTTFileEvent& cue, const std::string& s)
 
 // Events waiting for the output sink, oldest first.
 extern std::deque<VPVTTEvent> vtt_event_queue;
-constexpr size_t vtt_event_queue_limit = 131072;  // above this, cut to 256
+// Above either limit the queue is cut back to its newest 256 events, fewer
+// when those hold more than a quarter of the byte limit.
+constexpr size_t vtt_event_queue_limit = 131072;
+constexpr size_t vtt_event_queue_byte_limit = 4 << 20;
 constexpr size_t vtt_event_queue_keep = 256;
+constexpr size_t vtt_event_queue_keep_bytes = vtt_event_queue_byte_limit / 4;
 
 // Conversion state carried from cue to cue; main sets both to their start
 // value before anything else.
@@ -32,7 +37,8 @@ extern WebVTTConvContext_v1 vtt_608_context;
 extern WebVTTConvContext_v1 vtt_708_context;
 
 // Builds the event for one WebVTT packet (times in milliseconds, not
-// rescaled) and appends it to vtt_event_queue.
+// rescaled) and appends it to vtt_event_queue. Identifier, settings and text
+// are cut to what one event can carry, in that order of precedence.
 void ingest_caption_packet(const AVPacket* pkt);
 
 // Continuity counter of PID 0x1FFE; runs across the whole output.

@@ -59,7 +59,7 @@ TEST(CaptionEncode, LeadsAndSteps) {
        {{1000, pair_of(1, 2)}, {71000, pair_of(3, 4)}, {72000, pair_of(5, 6)}}, {},
        "0000 0000 0102 FFFF 0304 5915 0506 00000000 0000 0000000000"},
       {"608 lead clamped", 100000, {{10000, pair_of(1, 2)}}, {}, "FFFF 0000 0102 00000000 0000 0000000000"},
-      {"start with no time", INT64_MIN, {{1000, pair_of(1, 2)}}, {}, "0000 0000 0102 00000000 0000 0000000000"},
+      {"start with no time", INT64_MIN, {{1000, pair_of(1, 2)}}, {}, "0000 FFFF 0102 00000000 0000 0000000000"},
       {"708 lead from an empty first key", 1000, {}, {{900, {}}, {1100, {w, w}}},
        "0000 00000000 6400 C800 FE 0201 0000 FE 0201 0000000000"},
       {"708 words after a clamped step", 1000, {}, {{1000, {w}}, {80000, {w, w}}},
@@ -117,14 +117,29 @@ TEST(CaptionEncode, SoftLimit) {
   EXPECT_DEATH(payload_of(one_key), "w <= e");
 }
 
+TEST(CaptionEncode, CueBeforeZeroKeepsEntryTimes) {
+  VPVTTEvent ev = make_event(-1926, 2074, "early");
+  ev.cc608 = {{0, pair_of(0x94, 0x2F)}, {2074, pair_of(0x94, 0x2C)}};
+  ev.cc708 = {{33, {word_of(0xFF, 0x0102), word_of(0xFE, 0x0304)}}, {2074, {word_of(0xFE, 0x0506)}}};
+  const bytes p = payload_of(ev);
+  caption_event_record back;
+  std::string problem;
+  ASSERT_EQ(read_caption_payload(p.data(), p.size(), back, problem), 0) << problem;
+  std::vector<int64_t> times;
+  for (const caption_pair_at& pair : back.cc608) times.push_back(pair.time_ms);
+  for (const caption_word_at& word : back.cc708) times.push_back(word.time_ms);
+  EXPECT_EQ(times, (std::vector<int64_t>{0, 2074, 33, 33, 2074}));
+}
+
 TEST(CaptionEncode, OversizeEventsAreCut) {
-  VPVTTEvent many_words = make_event(1000, 2000, "keep");
-  many_words.cc708[1000] = std::vector<q7ro_cea708_word>(5000, word_of(0xFE, 0x1234));
-  VPVTTEvent many_pairs = make_event(1000, 2000, "keep");
-  for (uint64_t k = 0; k < 5000; ++k) many_pairs.cc608[1000 + k] = pair_of(0x94, 0x20);
-  many_pairs.cc708[1000] = {word_of(0xFF, 1)};
-  VPVTTEvent long_text = make_event(0, 1, std::string(40000, 'x'));
-  long_text.cc608[0] = pair_of(1, 2);
+  // 50 bytes besides the text: 32 fixed, two 608 entries (EOC, EDM), one DTVCC packet of two words.
+  auto both_maps = [](size_t text) {
+    VPVTTEvent ev = make_event(1000, 2000, std::string(text, 'x'));
+    ev.cc608 = {{1000, pair_of(0x94, 0x2F)}, {2000, pair_of(0x94, 0x2C)}};
+    ev.cc708[1000] = {word_of(0xFF, 0x0102), word_of(0xFE, 0x0304)};
+    return ev;
+  };
+  const VPVTTEvent just_over = both_maps(caption_payload_max - 49), text_cut = both_maps(caption_payload_max - 31);
   VPVTTEvent long_identifier = make_event(0, 1, "text");
   long_identifier.identifier = std::string(40000, 'i');
   const VPVTTEvent just_fits = make_event(0, 1, std::string(caption_payload_max - caption_payload_fixed, 'x'));
@@ -135,9 +150,8 @@ TEST(CaptionEncode, OversizeEventsAreCut) {
     size_t length, cc608, cc708, text;  // after the cut
     const char* message;
   } cases[] = {
-      {"708 words cut one by one", many_words, 32 + 4 + 3191 * 5, 0, 3191, 4, "VTT event cut to 15991 bytes\n"},
-      {"608 entries cut after all words", many_pairs, 32 + 4 + 3989 * 4, 3989, 0, 4, "VTT event cut to 15992 bytes\n"},
-      {"text cut after both sections", long_text, 15995, 0, 0, 15963, "VTT event cut to 15995 bytes\n"},
+      {"1 byte over: all 708 words go, 608 whole", just_over, 15986, 2, 0, 15946, "VTT event cut to 15986 bytes\n"},
+      {"both maps go before the text is cut", text_cut, 15995, 0, 0, 15963, "VTT event cut to 15995 bytes\n"},
       {"identifier too long for the packets", long_identifier, 15995, 0, 0, 0, "VTT event cut to 15995 bytes\n"},
       {"an event of 87 full packets is whole", just_fits, 15995, 0, 0, 15963, ""},
   };

@@ -8,7 +8,7 @@ extern "C" {
 }
 
 #include "tests/unit/test_support.h"
-#include "v2/captions/captions.h"
+#include "v2/captions/caption_event_format.h"
 
 namespace {
 
@@ -90,6 +90,44 @@ TEST(CaptionIngest, QueueOverrunKeepsTheNewest) {
     EXPECT_EQ(vtt_event_queue.size(), step.size_after);
   }
   EXPECT_EQ(vtt_event_queue.front().start.count(), 131072 - 255);  // the 256 newest were kept
+  vtt_event_queue.clear();
+}
+
+TEST(CaptionIngest, HugeCuesAreCutToWhatOneEventCarries) {
+  constexpr size_t room = caption_payload_max - caption_payload_fixed;  // identifier, settings and text
+  const struct {
+    size_t identifier, value, text;  // sizes sent, settings being "a:" and the value; then sizes kept
+    size_t kept_identifier, kept_value, kept_text;
+  } cases[] = {{0, 0, 100000, 0, 0, room - 2}, {1000, 20000, 100, 1000, room - 1002, 0}, {20000, 10, 100, room, 0, 0}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.identifier);
+    reset_caption_state();
+    ingest(std::string(c.text, 't'), 1000, 2000,
+           {{AV_PKT_DATA_WEBVTT_IDENTIFIER, std::string(c.identifier, 'i')},
+            {AV_PKT_DATA_WEBVTT_SETTINGS, "a:" + std::string(c.value, 'v')}});
+    ASSERT_EQ(vtt_event_queue.size(), 1u);
+    const VPVTTEvent& ev = vtt_event_queue.front();
+    EXPECT_EQ(ev.identifier.size(), c.kept_identifier);
+    EXPECT_EQ(ev.settings.count("a") ? ev.settings.at("a").size() : 0, c.kept_value);
+    EXPECT_EQ(ev.text.size(), c.kept_text);
+  }
+}
+
+TEST(CaptionIngest, ByteBoundTrimsTheQueue) {
+  reset_caption_state();
+  std::string message;
+  size_t cues = 0;
+  while (message.empty() && cues < 1000) {
+    stderr_capture err;
+    ingest(std::string(100000, 'x'), 1000 + 10 * static_cast<int64_t>(cues++), 5);
+    message = err.take();
+  }
+  ASSERT_LE(cues, vtt_event_queue_byte_limit / (caption_payload_max - caption_payload_fixed) + 2) << message;
+  EXPECT_EQ(message, "VTT event queue overrun (count=" + std::to_string(cues - 1) + ")\n");
+  size_t bytes = 0;  // the newest events within a quarter of the bound, then the new one
+  for (const VPVTTEvent& ev : vtt_event_queue) bytes += ev.bytes;
+  EXPECT_GT(vtt_event_queue.size(), 1u);
+  EXPECT_LE(bytes - vtt_event_queue.back().bytes, vtt_event_queue_keep_bytes);
   vtt_event_queue.clear();
 }
 
