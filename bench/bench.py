@@ -692,7 +692,8 @@ def write_report(path, plot_name, results, machine, micro, plan):
         w('')
         w('Rss / private KiB by mapping: the program itself, the libraries, the heap and anonymous memory '
           '(thread stacks, buffers). Libraries grouped: "FFmpeg" = libav*, libsw*, libpostproc; "libcurl tree" '
-          '= libcurl and what only it brings in; the rest of the shared objects as "other libraries".')
+          '= the shared objects that a program linking only libcurl loads beyond libc (GnuTLS and zlib among '
+          'them, which FFmpeg uses too); the rest of the shared objects as "other libraries".')
         w('')
         groups = ['program', 'FFmpeg', 'libcurl tree', 'other libraries', '[heap]', '[anonymous]', '[stack] and rest']
         w('| mapping | ' + ' | '.join(label[k] for k in keys if k in maps) + ' |')
@@ -759,7 +760,7 @@ CURL_TREE = set()
 def curl_tree(probe_curl, probe_libc):
     def libs(exe):
         ldd = subprocess.run(['ldd', exe], capture_output=True, text=True).stdout
-        return {os.path.basename(l.split('=>')[1].split()[0]) for l in ldd.splitlines()
+        return {os.path.basename(os.path.realpath(l.split('=>')[1].split()[0])) for l in ldd.splitlines()
                 if '=>' in l and '/' in l.split('=>')[1]}
     return libs(probe_curl) - libs(probe_libc)
 
