@@ -123,7 +123,8 @@ def libavformat_of(exe, build=None):
             pass
     else:
         r = subprocess.run([exe, '-version'], capture_output=True, text=True)
-        version = next((l.split()[1] for l in r.stdout.splitlines() if l.startswith('libavformat')), '?')
+        version = next((l.split('/')[0].split(None, 1)[1].replace(' ', '') for l in r.stdout.splitlines()
+                        if l.startswith('libavformat')), '?')
     return 'libavformat %s, static' % version
 
 
@@ -622,6 +623,10 @@ def write_report(path, plot_name, results, machine, micro, plan):
                 fmt_num(None if b is None else b * scale, '.3f' if unit == 's' else '.1f'), unit,
                 fmt_num(rr, '.2f'), '-' if rr is None else ('yes' if rr <= limit else 'no')))
         w('')
+        note = curl_share_note(results, static)
+        if note:
+            w(note)
+            w('')
 
     head = '| measure | ' + ' | '.join(label[k] for k in keys) + ' | ' + \
         ' | '.join('%s / ffmpeg' % label[k].replace('pelvane ', '').replace('ffmpeg tool, ', '') for k in pel) + ' |'
@@ -636,10 +641,10 @@ def write_report(path, plot_name, results, machine, micro, plan):
     w('')
     w('Exec to the first byte on standard output, relaying a 4 Mbit/s MPEG-TS file from a local HTTP server, '
       'one process at a time (CPU = the process\'s scheduler run time when the harness saw the byte); '
-      'and exec to exit of `pelvane --help` / `ffmpeg -version`. The floors: a program linking libc only '
-      '%s, and one linking libcurl too %s (same exec path).' % (
-          fmt_num(med(r['cpu'] for r in results['help'] if r['tool'] == 'probe_libc'), '.4f') + ' s CPU',
-          fmt_num(med(r['cpu'] for r in results['help'] if r['tool'] == 'probe_curl'), '.4f') + ' s CPU'))
+      'and exec to exit of `pelvane --help` / `ffmpeg -version`. Floors, exec to exit: a program linking libc '
+      'only %s ms CPU; + GnuTLS and zlib %s ms; + libcurl as well %s ms.' % tuple(
+          fmt_num((med(r['cpu'] for r in results['help'] if r['tool'] == k) or 0) * 1000 or None, '.1f')
+          for k in ('probe_libc', 'probe_tls', 'probe_curl')))
     w('')
     w(head)
     w(sep)
@@ -692,8 +697,8 @@ def write_report(path, plot_name, results, machine, micro, plan):
         w('')
         w('Rss / private KiB by mapping: the program itself, the libraries, the heap and anonymous memory '
           '(thread stacks, buffers). Libraries grouped: "FFmpeg" = libav*, libsw*, libpostproc; "libcurl tree" '
-          '= the shared objects that a program linking only libcurl loads beyond libc (GnuTLS and zlib among '
-          'them, which FFmpeg uses too); the rest of the shared objects as "other libraries".')
+          '= the shared objects that linking libcurl adds to a program that links GnuTLS and zlib (what the '
+          'static FFmpeg needs); the rest of the shared objects as "other libraries".')
         w('')
         groups = ['program', 'FFmpeg', 'libcurl tree', 'other libraries', '[heap]', '[anonymous]', '[stack] and rest']
         w('| mapping | ' + ' | '.join(label[k] for k in keys if k in maps) + ' |')
@@ -752,17 +757,42 @@ def write_report(path, plot_name, results, machine, micro, plan):
         f.write('\n'.join(L))
 
 
+def curl_share_note(results, static):
+    """What libcurl's dependency tree costs the static pelvane at start-up and in resident memory,
+    from the two start-up floors and the memory map; None without them."""
+    def help_cpu(key):
+        return med(r['cpu'] for r in results['help'] if r['tool'] == key)
+    tls, curl, own = help_cpu('probe_tls'), help_cpu('probe_curl'), help_cpu(static)
+    start = med(r['cpu'] for r in results['startup'] if r['tool'] == static)
+    ff = med(r['cpu'] for r in results['startup'] if r['tool'] == 'ffmpeg')
+    m = (results.get('maps') or {}).get(static)
+    peak = live_summary(results, static, 10.0, 1)
+    ff_peak = live_summary(results, 'ffmpeg', 10.0, 1)
+    if None in (tls, curl, own, start, ff) or not m or not peak or not ff_peak or not CURL_TREE:
+        return None
+    curl_rss = sum(v[0] for k, v in m.items() if k in CURL_TREE)
+    load = curl - tls
+    return ('Where the static pelvane\'s remaining cost sits: loading libcurl\'s dependency tree (%d shared '
+            'objects beyond GnuTLS and zlib) takes %.1f ms of CPU (a program linking GnuTLS, zlib and libcurl: '
+            '%.1f ms from exec to exit, one linking GnuTLS and zlib only: %.1f ms), against %.1f ms for the whole of `pelvane --help` and %.1f ms to the first '
+            'byte of an HTTP source; without it start-up would be about %.2f × the ffmpeg tool\'s. The same '
+            'libraries hold %.1f MiB of the relay\'s resident memory; its peak less that would be about %.2f × '
+            'the ffmpeg tool\'s.' % (
+                len(CURL_TREE), load * 1000, curl * 1000, tls * 1000, own * 1000, start * 1000,
+                (start - load) / ff, curl_rss / 1024, (peak['maxrss'] - curl_rss) / ff_peak['maxrss']))
+
+
 # Shared objects that a program linking libcurl (Debian 12, OpenSSL flavour) loads only
-# because of it; filled in by curl_tree() from the libcurl-only probe.
+# because of it, beyond GnuTLS and zlib; filled in by curl_tree() from the probes.
 CURL_TREE = set()
 
 
-def curl_tree(probe_curl, probe_libc):
+def curl_tree(probe_curl, probe_tls):
     def libs(exe):
         ldd = subprocess.run(['ldd', exe], capture_output=True, text=True).stdout
         return {os.path.basename(os.path.realpath(l.split('=>')[1].split()[0])) for l in ldd.splitlines()
                 if '=>' in l and '/' in l.split('=>')[1]}
-    return libs(probe_curl) - libs(probe_libc)
+    return libs(probe_curl) - libs(probe_tls)
 
 
 def write_plot(path, results, plan, machine, work):
@@ -820,11 +850,10 @@ def main():
     quick = a.quick or os.environ.get('BENCH_QUICK', '') not in ('', '0')
     plan = Plan(quick)
     parts = set(a.only.split(','))
-    probes = [('probe_libc', os.path.join(builds[0], 'bench', 'startup_probe_libc')),
-              ('probe_curl', os.path.join(builds[0], 'bench', 'startup_probe_curl'))]
+    probes = [(k, os.path.join(builds[0], 'bench', 'startup_' + k)) for k in ('probe_libc', 'probe_tls', 'probe_curl')]
     probes = [(k, p) for k, p in probes if os.path.exists(p)]
-    if len(probes) == 2:
-        CURL_TREE.update(curl_tree(probes[1][1], probes[0][1]))
+    if len(probes) == 3:
+        CURL_TREE.update(curl_tree(probes[2][1], probes[1][1]))
     if a.report_from:
         with open(a.report_from) as f:
             raw = json.load(f)

@@ -18,7 +18,7 @@ for b in "${builds[@]}"; do
   ninja -C "$b" -j"${JOBS:-2}" pelvane
   args+=(--build "$b")
 done
-ninja -C "${builds[0]}" -j"${JOBS:-2}" startup_probe_libc startup_probe_curl
+ninja -C "${builds[0]}" -j"${JOBS:-2}" startup_probe_libc startup_probe_tls startup_probe_curl
 if ! ninja -C "${builds[0]}" -j"${JOBS:-2}" pelvane_bench; then
   echo "bench: pelvane_bench did not build (is libbenchmark-dev installed?); micro-benchmarks skipped" >&2
 fi

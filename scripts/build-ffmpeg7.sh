@@ -33,7 +33,7 @@ if [ ${#missing[@]} -gt 0 ]; then
 fi
 
 csv() { local IFS=,; echo "$*"; }
-# Schemes: file, pipe (pelvane-cc's standard input), tcp, udp, rtp, rtsp,
+# Schemes: file, pipe (standard input), tcp, udp, rtp, rtsp,
 # rtmp/rtmps (and their HTTP tunnels), http/https over TLS, hls (with crypto
 # for AES-128 segments and data for inline playlists).
 protocols=(file pipe tcp udp rtp srtp http https tls httpproxy
