@@ -1,15 +1,16 @@
 # Entry points for users and CI. Two build directories: build/sys against
-# Debian 12's FFmpeg 5.1, build/ff7 against FFmpeg 7.1 built from Debian 13's
-# sources into $(FF7_PREFIX). `make test` also runs the suite under the
-# sanitizers (build/asan) and each fuzz target briefly (build/fuzz).
+# Debian 12's FFmpeg 5.1, build/static with a trimmed FFmpeg 7.1 built from
+# Debian 13's sources into $(FF7_PREFIX) and linked in statically. `make test`
+# also runs the suite under the sanitizers (build/asan) and each fuzz target
+# briefly (build/fuzz).
 
-FF7_PREFIX ?= $(HOME)/.cache/ff7/prefix
+FF7_PREFIX ?= $(HOME)/.cache/ff7/static
 JOBS ?= $(shell nproc)
 # Seconds per fuzz target: `make fuzz`, and the short pass of `make test`.
 FUZZ_SECONDS ?= 180
 FUZZ_TEST_SECONDS ?= 20
 
-.PHONY: all build build-ff7 build-asan build-fuzz deps ffmpeg7 test fuzz demo bench clean
+.PHONY: all build static build-asan build-fuzz deps ffmpeg7 test fuzz demo bench clean
 
 all: build
 
@@ -22,14 +23,15 @@ build/sys/build.ninja:
 build: build/sys/build.ninja
 	ninja -C build/sys -j$(JOBS)
 
+# build/static: FFmpeg 7.1 trimmed to what pelvane relays, linked in statically.
 ffmpeg7: deps
 	@FF7_PREFIX=$(FF7_PREFIX) bash scripts/build-ffmpeg7.sh
 
-build/ff7/build.ninja:
-	PKG_CONFIG_PATH=$(FF7_PREFIX)/lib/pkgconfig cmake -S . -B build/ff7 -G Ninja
+build/static/build.ninja:
+	PKG_CONFIG_PATH=$(FF7_PREFIX)/lib/pkgconfig cmake -S . -B build/static -G Ninja -DPELVANE_STATIC_FFMPEG=ON
 
-build-ff7: ffmpeg7 build/ff7/build.ninja
-	ninja -C build/ff7 -j$(JOBS)
+static: ffmpeg7 build/static/build.ninja
+	ninja -C build/static -j$(JOBS)
 
 # build/asan: everything under AddressSanitizer and UndefinedBehaviorSanitizer.
 build/asan/build.ninja:
@@ -46,8 +48,8 @@ build-fuzz: build/fuzz/build.ninja
 	ninja -C build/fuzz -j$(JOBS)
 
 test: deps
-	@$(MAKE) --no-print-directory build build-ff7 build-asan build-fuzz
-	@s=0; bash scripts/run-tests.sh build/sys build/ff7 build/asan || s=1; \
+	@$(MAKE) --no-print-directory build static build-asan build-fuzz
+	@s=0; bash scripts/run-tests.sh build/sys build/static build/asan || s=1; \
 	  FUZZ_SECONDS=$(FUZZ_TEST_SECONDS) bash scripts/run-fuzz.sh build/fuzz || s=1; exit $$s
 
 fuzz: deps
@@ -59,8 +61,8 @@ demo: deps
 	@bash scripts/demo.sh build/sys
 
 bench: deps
-	@$(MAKE) --no-print-directory build
-	@bash bench/run.sh build/sys
+	@$(MAKE) --no-print-directory build static
+	@bash bench/run.sh build/sys build/static
 
 clean:
 	rm -rf build

@@ -1,19 +1,25 @@
 #!/usr/bin/python3
 """pelvane next to the ffmpeg tool on the same local sources, in the same run.
 
-Measures, alternating the two tools round by round and reporting medians:
-  - throughput: a 60-second 4 Mbit/s H.264 + AAC MPEG-TS file served over tcp:// as fast as
-    TCP allows (sendfile), relayed to a pipe: CPU seconds (user + system, from wait4),
-    wall seconds, bytes out, peak RSS;
-  - live cost: an RTMP source in real time (nginx + RTMP module), 1, 10 and 40 relays at
-    once: CPU per stream (whole run from wait4, and steady state from the scheduler's
-    per-task run time), peak RSS per process and its private/proportional share;
-  - time to first byte on standard output from process start, RTMP and HTTP sources;
-  - all of it for MPEG-TS and for fragmented MP4 (pelvane --mp4);
-  - the Google Benchmark micro-benchmarks (pelvane_bench), when built.
-Writes a Markdown report and a PNG plot (gnuplot) of CPU per stream against relays.
+Contestants, side by side: Debian's ffmpeg tool; pelvane built against the
+system's shared FFmpeg (--build DIR, first); pelvane with the trimmed FFmpeg 7.1
+linked in statically (--build DIR, second); and, when given (--ffmpeg7 PATH),
+the ffmpeg tool built from the same trimmed 7.1 sources.
 
-Usage: bench.py --build DIR [--quick] [--out-dir DIR] [--only throughput,live,ttfb,micro]
+Measures, rotating the order of the contestants round by round, medians:
+  - start-up: CPU and wall time from exec to the first byte of output, relaying
+    a local HTTP file; and exec to exit of `--help` / `-version`, beside two
+    floors (a program linking libc only, and one linking libcurl too);
+  - time to first byte from a live RTMP source (all contestants started together);
+  - live cost: an RTMP source in real time (nginx + RTMP module): CPU per stream
+    over 10-s runs (1 and 40 relays at once) and 60-s runs (start-up included),
+    steady state, peak RSS, Pss and private memory per process, and where the
+    memory of one process sits (/proc/PID/smaps);
+  - the Google Benchmark micro-benchmarks (pelvane_bench), when built.
+Writes a Markdown report and a PNG plot (gnuplot) of CPU per stream.
+
+Usage: bench.py --build DIR [--build DIR] [--ffmpeg7 PATH] [--quick] [--out-dir DIR]
+                [--only startup,ttfb,live,micro] [--report-from results.json]
 BENCH_QUICK=1 in the environment is the same as --quick.
 """
 
@@ -24,7 +30,6 @@ import os
 import platform
 import shutil
 import signal
-import socket
 import statistics
 import subprocess
 import sys
@@ -38,18 +43,18 @@ REPO = os.path.dirname(HERE)
 # ---------------------------------------------------------------- plan
 
 class Plan:
-    """How much to measure. The full plan stays under about 20 minutes on 2 cores."""
+    """How much to measure. The full plan takes about 15 minutes with four contestants."""
 
     def __init__(self, quick):
         self.quick = quick
-        self.throughput_rounds = 2 if quick else 5
-        self.live_levels = [1, 10] if quick else [1, 10, 40]
-        self.live_levels_mp4 = [1] if quick else [1, 40]
-        self.live_rounds = 1 if quick else 3
-        self.live_rounds_mp4 = 1 if quick else 2
-        self.live_seconds = 8.0 if quick else 20.0
-        self.steady_from = 4.0 if quick else 6.0   # steady-state CPU is sampled from here to the end
-        self.ttfb_rounds = 2 if quick else 7
+        self.startup_rounds = 3 if quick else 7
+        self.help_rounds = 5 if quick else 9
+        self.ttfb_rounds = 2 if quick else 5
+        # (seconds, relays at once, rounds); the 60-s runs start one relay of every
+        # contestant at the same time, the others run one contestant at a time.
+        self.live_runs = [(10.0, 1, 1), (10.0, 40, 1)] if quick else \
+            [(10.0, 1, 3), (10.0, 40, 2), (60.0, 1, 1)]
+        self.steady_from = {10.0: 5.0, 60.0: 10.0}   # steady-state CPU is sampled from here to the end
         self.micro_min_time = 0.05 if quick else 0.5
 
 
@@ -81,74 +86,68 @@ def register_bench_media(harness):
          '-pix_fmt', 'yuv420p', '-c:a', 'aac', '-b:a', '128k', '-ac', '2']))
 
 
-# ---------------------------------------------------------------- sources
+# ---------------------------------------------------------------- contestants
 
-class SendfilePeer:
-    """tcp://127.0.0.1:P serving one file to each client with sendfile(), as fast as TCP allows,
-    then closing the connection (the client sees end of stream)."""
+class Contestant:
+    """One program under test: `kind` is 'ffmpeg' (the ffmpeg tool's command line) or
+    'pelvane'; `key` names it in the raw results."""
 
-    def __init__(self, path):
-        self.path = path
-        self.sock = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
-        self.sock.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-        self.sock.bind(('127.0.0.1', 0))
-        self.port = self.sock.getsockname()[1]
-        self.url = 'tcp://127.0.0.1:%d' % self.port
-        self.thread = None
+    def __init__(self, key, label, kind, exe, library):
+        self.key, self.label, self.kind, self.exe, self.library = key, label, kind, exe, library
 
-    def _serve_one(self, conn):
+    def argv(self, url):
+        if self.kind == 'pelvane':
+            return [self.exe, '--url', url]
+        return [self.exe, '-hide_banner', '-nostdin', '-loglevel', 'error', '-i', url,
+                '-map', '0:v:0', '-map', '0:a:0', '-c', 'copy', '-f', 'mpegts', 'pipe:1']
+
+    def help_argv(self):
+        return [self.exe, '--help'] if self.kind == 'pelvane' else [self.exe, '-hide_banner', '-version']
+
+
+def libavformat_of(exe, build=None):
+    """Which libavformat a program runs with: the shared object's file name, or
+    'static <version>' from the CMake cache of a statically linked pelvane."""
+    ldd = subprocess.run(['ldd', exe], capture_output=True, text=True).stdout
+    lib = next((l.split('=>')[1].split()[0] for l in ldd.splitlines() if 'libavformat' in l), None)
+    if lib:
+        return os.path.basename(os.path.realpath(lib))
+    version = '?'
+    if build:
         try:
-            with open(self.path, 'rb') as f:
-                conn.sendfile(f)
+            with open(os.path.join(build, 'CMakeCache.txt')) as f:
+                for line in f:
+                    if line.startswith('FFMPEG_libavformat_VERSION:'):
+                        version = line.split('=', 1)[1].strip()
         except OSError:
             pass
-        finally:
-            conn.close()
-
-    def _accept(self):
-        while True:
-            try:
-                conn, _ = self.sock.accept()
-            except OSError:
-                return
-            threading.Thread(target=self._serve_one, args=(conn,), daemon=True).start()
-
-    def __enter__(self):
-        self.sock.listen(64)
-        self.thread = threading.Thread(target=self._accept, daemon=True)
-        self.thread.start()
-        return self
-
-    def __exit__(self, *exc):
-        try:
-            self.sock.shutdown(socket.SHUT_RDWR)
-        except OSError:
-            pass
-        self.sock.close()
-        self.thread.join(5)
-        return False
+    else:
+        r = subprocess.run([exe, '-version'], capture_output=True, text=True)
+        version = next((l.split('/')[0].split(None, 1)[1].replace(' ', '') for l in r.stdout.splitlines()
+                        if l.startswith('libavformat')), '?')
+    return 'libavformat %s, static' % version
 
 
-# ---------------------------------------------------------------- the two tools
-
-# ADTS AAC from an MPEG-TS source must be rewritten for MP4, or the tool refuses the audio.
-MP4_FFMPEG_FLAGS = ['-bsf:a', 'aac_adtstoasc', '-movflags', 'frag_keyframe+empty_moov',
-                    '-frag_duration', '1000000']
+def shared_objects(exe):
+    ldd = subprocess.run(['ldd', exe], capture_output=True, text=True).stdout
+    return sum(1 for l in ldd.splitlines() if '.so' in l and 'linux-vdso' not in l)
 
 
-def tool_argv(tool, url, fmt, pelvane_bin):
-    if tool == 'pelvane':
-        return [pelvane_bin] + (['--mp4'] if fmt == 'mp4' else []) + ['--url', url]
-    argv = ['ffmpeg', '-hide_banner', '-nostdin', '-loglevel', 'error', '-i', url,
-            '-map', '0:v:0', '-map', '0:a:0', '-c', 'copy']
-    if fmt == 'mp4':
-        return argv + ['-f', 'mp4'] + MP4_FFMPEG_FLAGS + ['pipe:1']
-    return argv + ['-f', 'mpegts', 'pipe:1']
+def contestants(builds, ffmpeg7):
+    out = [Contestant('ffmpeg', 'ffmpeg tool (Debian)', 'ffmpeg', shutil.which('ffmpeg') or 'ffmpeg', None)]
+    if ffmpeg7:
+        out.append(Contestant('ffmpeg7', 'ffmpeg tool, trimmed 7.1', 'ffmpeg', ffmpeg7, None))
+    for b in builds:
+        name = os.path.basename(b.rstrip('/'))
+        exe = os.path.join(b, 'v2', 'pelvane')
+        static = 'static' in libavformat_of(exe, b)
+        out.append(Contestant(name, 'pelvane %s' % ('static 7.1' if static else name), 'pelvane', exe, b))
+    return out
 
 
-def tool_order(round_no):
-    """ABBA: pelvane first in even rounds, the ffmpeg tool first in odd ones."""
-    return ('pelvane', 'ffmpeg') if round_no % 2 == 0 else ('ffmpeg', 'pelvane')
+def rotated(items, round_no):
+    k = round_no % len(items)
+    return items[k:] + items[:k]
 
 
 # ---------------------------------------------------------------- one measured process
@@ -199,15 +198,41 @@ def memory_shares_kib(pid):
     return pss, private
 
 
-class Relay:
-    """One relay process (pelvane or the ffmpeg tool) with its standard output read and
-    counted by a thread, and its resource use taken from wait4 when it has ended."""
+def memory_map_kib(pid):
+    """Rss, Pss and private KiB of a live process by what is mapped: each file's
+    basename (the program, each shared library), [heap], [stack], and anonymous."""
+    out = {}
+    name = None
+    try:
+        with open('/proc/%d/smaps' % pid) as f:
+            for line in f:
+                head = line.split(None, 1)[0]
+                if '-' in head and not head.endswith(':'):
+                    fields = line.split()
+                    name = os.path.basename(fields[5]) if len(fields) > 5 else '[anonymous]'
+                    if name.startswith('[anon'):
+                        name = '[anonymous]'
+                    out.setdefault(name, [0, 0, 0])
+                elif head in ('Rss:', 'Pss:', 'Private_Clean:', 'Private_Dirty:') and name:
+                    v = int(line.split()[1])
+                    i = {'Rss:': 0, 'Pss:': 1}.get(head, 2)
+                    out[name][i] += v
+    except (OSError, ValueError, IndexError):
+        pass
+    return out
 
-    def __init__(self, tool, argv, log_path):
-        self.tool = tool
+
+class Relay:
+    """One relay process with its standard output read and counted by a thread, its CPU
+    time sampled at the first byte, and its resource use taken from wait4 at the end.
+    The program is exec'd directly (no wrapper), so that its start-up cost is its own."""
+
+    def __init__(self, contestant, argv, log_path):
+        self.tool = contestant.key
         self.argv = argv
         self.bytes = 0
         self.first_byte = None      # seconds from start
+        self.first_byte_cpu = None  # CPU seconds of the process at its first byte
         self.rusage = None
         self.status = None
         self.ended = None           # seconds from start
@@ -216,8 +241,7 @@ class Relay:
         self.hwm_kib = None
         err = open(log_path, 'wb')
         self.started = time.monotonic()
-        self.popen = subprocess.Popen(['setpriv', '--pdeathsig', 'KILL', '--'] + argv,
-                                      stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+        self.popen = subprocess.Popen(argv, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                                       stderr=err, start_new_session=True, bufsize=0)
         err.close()
         self.pid = self.popen.pid
@@ -239,6 +263,8 @@ class Relay:
                 break
             if self.first_byte is None:
                 self.first_byte = time.monotonic() - self.started
+                ns = task_runtime_ns(self.pid)
+                self.first_byte_cpu = None if ns is None else ns / 1e9
             self.bytes += n
 
     def sample_hwm(self):
@@ -292,7 +318,7 @@ class Relay:
                 pass
 
     def finish(self, timeout=10):
-        """SIGINT (both tools end cleanly on it), then SIGKILL if it is still there."""
+        """SIGINT (every contestant ends cleanly on it), then SIGKILL if it is still there."""
         self.signal(signal.SIGINT)
         if not self.wait(timeout):
             self.kill()
@@ -318,11 +344,6 @@ class Relay:
     def cpu(self):
         return self.rusage.ru_utime + self.rusage.ru_stime
 
-    @property
-    def maxrss_kib(self):
-        """Peak RSS since exec: VmHWM as last sampled while the process ran."""
-        return self.hwm_kib
-
 
 def kill_all_relays():
     with _all_lock:
@@ -331,53 +352,106 @@ def kill_all_relays():
         r.close()
 
 
+def run_to_exit(argv):
+    """(CPU s, wall s) of a program from exec to exit, its output discarded."""
+    t0 = time.monotonic()
+    p = subprocess.Popen(argv, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    _, _, ru = os.wait4(p.pid, 0)
+    wall = time.monotonic() - t0
+    p.returncode = 0
+    return ru.ru_utime + ru.ru_stime, wall
+
+
 # ---------------------------------------------------------------- measurements
 
 class Bench:
-    def __init__(self, plan, pelvane_bin, work):
+    def __init__(self, plan, contestants, work):
         self.plan = plan
-        self.bin = pelvane_bin
+        self.contestants = contestants
         self.work = work
         self.counter = 0
-        self.results = {'throughput': [], 'live': [], 'ttfb': []}
+        self.results = {'startup': [], 'help': [], 'ttfb': [], 'live': [], 'maps': {}}
 
-    def start(self, tool, url, fmt):
+    def start(self, c, url):
         self.counter += 1
-        log = os.path.join(self.work, '%s-%03d.err' % (tool, self.counter))
-        return Relay(tool, tool_argv(tool, url, fmt, self.bin), log)
+        log_path = os.path.join(self.work, '%s-%03d.err' % (c.key, self.counter))
+        return Relay(c, c.argv(url), log_path)
 
-    def throughput(self, url, fmt):
-        for rnd in range(self.plan.throughput_rounds):
-            for tool in tool_order(rnd):
-                r = self.start(tool, url, fmt)
+    def help(self, probes):
+        """Exec to exit of `--help` (pelvane) or `-version` (the ffmpeg tool), and the floors."""
+        runs = [(c.key, c.help_argv()) for c in self.contestants] + [(k, [p]) for k, p in probes]
+        for rnd in range(self.plan.help_rounds):
+            for key, argv in rotated(runs, rnd):
+                cpu, wall = run_to_exit(argv)
+                self.results['help'].append({'tool': key, 'round': rnd, 'cpu': cpu, 'wall': wall})
+        log('help/version exec to exit: %d rounds' % self.plan.help_rounds)
+
+    def startup(self, url):
+        """Exec to the first byte of output, relaying a local HTTP file, one process at a time."""
+        for rnd in range(self.plan.startup_rounds):
+            for c in rotated(self.contestants, rnd):
+                r = self.start(c, url)
                 try:
-                    done = r.wait(180)
-                    if not done or r.status != 0 or r.bytes == 0:
-                        raise RuntimeError('%s throughput run failed (status %s, %d bytes): %s' %
-                                           (tool, r.status, r.bytes, ' '.join(r.argv)))
-                    self.results['throughput'].append({
-                        'tool': tool, 'fmt': fmt, 'round': rnd, 'cpu': r.cpu, 'wall': r.ended,
-                        'bytes': r.bytes, 'maxrss_kib': r.maxrss_kib, 'ru_maxrss_kib': r.rusage.ru_maxrss})
+                    deadline = time.monotonic() + 20
+                    while r.first_byte is None and time.monotonic() < deadline and not r.poll_exit():
+                        time.sleep(0.001)
+                    if r.first_byte is None:
+                        raise RuntimeError('%s wrote nothing within 20 s from %s' % (c.key, url))
+                    r.finish()
+                    self.results['startup'].append({'tool': c.key, 'round': rnd, 'wall': r.first_byte,
+                                                    'cpu': r.first_byte_cpu})
                 finally:
                     r.close()
-                log('throughput %-4s %-7s round %d: cpu %.3f s wall %.3f s %d bytes' %
-                    (fmt, tool, rnd, r.cpu, r.ended, r.bytes))
+                log('startup %-8s round %d: first byte %.3f s, CPU %.3f s' %
+                    (c.key, rnd, r.first_byte, r.first_byte_cpu or -1))
 
-    def live(self, url, fmt, relays, rounds):
+    def ttfb_rtmp(self, url):
+        """All contestants started together in each round, so that all meet the live source at
+        the same point (the first byte waits for the source's next key frame)."""
+        for rnd in range(self.plan.ttfb_rounds):
+            group = {}
+            try:
+                for c in rotated(self.contestants, rnd):
+                    group[c.key] = self.start(c, url)
+                deadline = time.monotonic() + 20
+                while time.monotonic() < deadline:
+                    if all(r.first_byte is not None or r.poll_exit() for r in group.values()):
+                        break
+                    time.sleep(0.002)
+                for r in group.values():
+                    r.finish()
+                for key, r in group.items():
+                    if r.first_byte is None:
+                        raise RuntimeError('%s wrote nothing within 20 s from %s' % (key, url))
+                    self.results['ttfb'].append({'tool': key, 'round': rnd, 'ttfb': r.first_byte})
+            finally:
+                for r in group.values():
+                    r.close()
+            log('ttfb rtmp round %d: %s' % (rnd, ', '.join('%s %.3f s' % (k, r.first_byte)
+                                                            for k, r in group.items())))
+            time.sleep(0.3)
+
+    def live(self, url, seconds, relays, rounds):
+        together = seconds >= 60
         for rnd in range(rounds):
-            for tool in tool_order(rnd):
+            batches = [self.contestants] if together else [[c] for c in rotated(self.contestants, rnd)]
+            for batch in batches:
                 group = []
                 try:
                     for _ in range(relays):
-                        group.append(self.start(tool, url, fmt))
+                        for c in batch:
+                            group.append(self.start(c, url))
                     t0 = time.monotonic()
-                    time.sleep(self.plan.steady_from)
+                    time.sleep(self.plan.steady_from[seconds])
                     for r in group:
                         r.sample()
-                    time.sleep(max(0.0, self.plan.live_seconds - (time.monotonic() - t0)))
+                    time.sleep(max(0.0, seconds - (time.monotonic() - t0)))
                     for r in group:
                         r.sample()
                         r.shares = memory_shares_kib(r.pid)
+                    if relays == 1 and rnd == 0 and seconds < 60:
+                        for r in group:
+                            self.results['maps'][r.tool] = memory_map_kib(r.pid)
                     for r in group:
                         r.signal(signal.SIGINT)
                     for r in group:
@@ -386,50 +460,21 @@ class Bench:
                     bad = [r for r in group if r.bytes == 0]
                     if bad:
                         raise RuntimeError('%d of %d %s relays wrote nothing (status %s)' %
-                                           (len(bad), relays, tool, bad[0].status))
+                                           (len(bad), len(group), bad[0].tool, bad[0].status))
                     for r in group:
                         self.results['live'].append({
-                            'tool': tool, 'fmt': fmt, 'relays': relays, 'round': rnd,
+                            'tool': r.tool, 'seconds': seconds, 'relays': relays, 'round': rnd,
                             'cpu': r.cpu, 'lifetime': r.ended, 'steady': r.steady_cpu_rate(),
-                            'maxrss_kib': r.maxrss_kib, 'ru_maxrss_kib': r.rusage.ru_maxrss,
-                            'pss_kib': r.shares[0],
+                            'maxrss_kib': r.hwm_kib, 'pss_kib': r.shares[0],
                             'private_kib': r.shares[1], 'bytes': r.bytes, 'ttfb': r.first_byte})
                 finally:
                     for r in group:
                         r.close()
-                mean_cpu = statistics.mean(r.cpu / r.ended for r in group)
-                log('live %-4s %2d x %-7s round %d: %.2f ms CPU per stream-second' %
-                    (fmt, relays, tool, rnd, mean_cpu * 1000))
+                for c in batch:
+                    rs = [r for r in group if r.tool == c.key]
+                    log('live %2.0f s %2d x %-8s round %d: %.2f ms CPU per stream-second' %
+                        (seconds, relays, c.key, rnd, statistics.mean(r.cpu / r.ended for r in rs) * 1000))
                 time.sleep(1.0)  # let nginx forget the players
-
-    def ttfb(self, source, url, fmt):
-        """Both tools started together in each round, so that both meet the live source at the
-        same point (a relay's first byte waits for the source's next key frame, which makes
-        separate starts differ by up to a GOP). Who is started first alternates."""
-        for rnd in range(self.plan.ttfb_rounds):
-            pair = {}
-            try:
-                for tool in tool_order(rnd):
-                    pair[tool] = self.start(tool, url, fmt)
-                deadline = time.monotonic() + 20
-                while time.monotonic() < deadline:
-                    if all(r.first_byte is not None or r.poll_exit() for r in pair.values()):
-                        break
-                    time.sleep(0.002)
-                for r in pair.values():
-                    r.finish()
-                for tool, r in pair.items():
-                    if r.first_byte is None:
-                        raise RuntimeError('%s wrote nothing within 20 s from %s' % (tool, url))
-                    self.results['ttfb'].append({'tool': tool, 'fmt': fmt, 'source': source,
-                                                 'round': rnd, 'ttfb': r.first_byte})
-            finally:
-                for r in pair.values():
-                    r.close()
-            log('ttfb %-4s %-5s round %d: pelvane %.3f s, ffmpeg %.3f s' %
-                (fmt, source, rnd, pair['pelvane'].first_byte, pair['ffmpeg'].first_byte))
-            if source == 'rtmp':
-                time.sleep(0.3)
 
 
 def log(msg):
@@ -457,7 +502,7 @@ def run_micro(build, plan, work):
 
 # ---------------------------------------------------------------- machine
 
-def machine_facts(pelvane_bin):
+def machine_facts(cs):
     model = 'unknown'
     with open('/proc/cpuinfo') as f:
         for line in f:
@@ -465,14 +510,14 @@ def machine_facts(pelvane_bin):
                 model = line.split(':', 1)[1].strip()
                 break
     ff_tool = subprocess.run(['ffmpeg', '-version'], capture_output=True, text=True).stdout.splitlines()[0]
-    ldd = subprocess.run(['ldd', pelvane_bin], capture_output=True, text=True).stdout
-    lib = next((l.split('=>')[1].split()[0] for l in ldd.splitlines() if 'libavformat' in l), '?')
-    lib_real = os.path.realpath(lib) if lib != '?' else '?'
     return {
         'cpu': model, 'cores': os.cpu_count(), 'kernel': platform.release(),
         'ffmpeg_tool': ff_tool.replace('Copyright', '').split(' (c)')[0].strip(),
-        'pelvane_libavformat': os.path.basename(lib_real),
-        'date': datetime.datetime.now().strftime('%Y-%m-%d %H:%M'),
+        'contestants': [{'key': c.key, 'label': c.label, 'exe': c.exe,
+                         'libavformat': libavformat_of(c.exe, c.library),
+                         'shared_objects': shared_objects(c.exe),
+                         'size_kib': os.path.getsize(c.exe) // 1024} for c in cs],
+        'date': datetime.datetime.now(datetime.timezone.utc).strftime('%Y-%m-%d %H:%M UTC'),
         'load_before': os.getloadavg()[0],
     }
 
@@ -492,178 +537,205 @@ def fmt_num(v, number_format):
     return '-' if v is None else format(v, number_format)
 
 
-def live_summary(results, fmt, relays):
-    """Per tool: medians over rounds of the per-round means, and medians over processes."""
-    out = {}
-    for tool in ('pelvane', 'ffmpeg'):
-        rows = [r for r in results['live'] if r['tool'] == tool and r['fmt'] == fmt and r['relays'] == relays]
-        if not rows:
-            return None
-        by_round = {}
-        for r in rows:
-            by_round.setdefault(r['round'], []).append(r)
-        out[tool] = {
-            'cpu_rate': med(statistics.mean(r['cpu'] / r['lifetime'] for r in rs) for rs in by_round.values()),
-            'steady': med(statistics.mean(r['steady'] for r in rs if r['steady'] is not None)
-                          for rs in by_round.values() if any(r['steady'] is not None for r in rs)),
-            'maxrss': med(r['maxrss_kib'] for r in rows),
-            'pss': med(r['pss_kib'] for r in rows),
-            'private': med(r['private_kib'] for r in rows),
-            'ttfb': med(r['ttfb'] for r in rows),
-        }
-    return out
-
-
-def ttfb_differences(rows):
-    """pelvane's minus the ffmpeg tool's time to first byte, per round (both started together)."""
+def live_summary(results, key, seconds, relays):
+    """Medians over rounds of the per-round means (CPU), and medians over processes (memory)."""
+    rows = [r for r in results['live'] if r['tool'] == key and r['seconds'] == seconds and r['relays'] == relays]
+    if not rows:
+        return None
     by_round = {}
     for r in rows:
-        by_round.setdefault(r['round'], {})[r['tool']] = r['ttfb']
-    return [v['pelvane'] - v['ffmpeg'] for v in by_round.values() if len(v) == 2]
-
-
-def tool_medians(rows, key):
-    return {t: med(r[key] for r in rows if r['tool'] == t) for t in ('pelvane', 'ffmpeg')}
+        by_round.setdefault(r['round'], []).append(r)
+    return {
+        'cpu_rate': med(statistics.mean(r['cpu'] / r['lifetime'] for r in rs) for rs in by_round.values()),
+        'steady': med(statistics.mean(r['steady'] for r in rs if r['steady'] is not None)
+                      for rs in by_round.values() if any(r['steady'] is not None for r in rs)),
+        'maxrss': med(r['maxrss_kib'] for r in rows),
+        'pss': med(r['pss_kib'] for r in rows),
+        'private': med(r['private_kib'] for r in rows),
+    }
 
 
 def write_report(path, plot_name, results, machine, micro, plan):
+    cs = machine['contestants']
+    keys = [c['key'] for c in cs]
+    label = {c['key']: c['label'] for c in cs}
+    pel = [c['key'] for c in cs if c['key'] != 'ffmpeg']
+    static = next((c['key'] for c in cs if c['label'].startswith('pelvane static')), None)
     L = []
     w = L.append
     w('# pelvane next to the ffmpeg tool')
     w('')
-    w('Written by `make bench` (`bench/run.sh`, `bench/bench.py`)%s. Medians; ratio = pelvane / ffmpeg '
-      '(below 1 is better for pelvane).' % (' in quick mode (BENCH_QUICK=1)' if plan.quick else ''))
+    w('Written by `make bench` (`bench/run.sh`, `bench/bench.py`)%s. Medians; ratios are to Debian\'s '
+      'ffmpeg tool (below 1 is better than it).' % (' in quick mode (BENCH_QUICK=1)' if plan.quick else ''))
     w('')
     w('| machine | |')
     w('|---|---|')
     w('| CPU | %s, %d cores |' % (machine['cpu'], machine['cores']))
     w('| kernel | %s |' % machine['kernel'])
-    w('| ffmpeg tool | %s |' % machine['ffmpeg_tool'])
-    w('| pelvane built against | %s |' % machine['pelvane_libavformat'])
     w('| run | %s, load average %.2f before |' % (machine['date'], machine['load_before']))
     w('')
-    w('The ffmpeg tool runs as `ffmpeg -hide_banner -nostdin -loglevel error -i URL -map 0:v:0 -map 0:a:0 '
-      '-c copy -f mpegts pipe:1`; for MP4 `-f mp4 %s pipe:1`; pelvane as `pelvane [--mp4] --url URL`. '
-      'Both write into a pipe that the harness reads; the tools alternate (ABBA) round by round.' %
-      ' '.join(MP4_FFMPEG_FLAGS))
-    w('')
-
-    # targets first: what the issue asks for
-    ts = {n: live_summary(results, 'ts', n) for n in plan.live_levels}
-    w('## Targets')
-    w('')
-    w('| target | measured | met |')
-    w('|---|---|---|')
-    def met(v, limit):
-        return '-' if v is None else ('yes' if v <= limit else 'no')
-
-    for n in (1, 40):
-        s = ts.get(n)
-        if s:
-            rr = ratio(s['pelvane']['cpu_rate'], s['ffmpeg']['cpu_rate'])
-            rs = ratio(s['pelvane']['steady'], s['ffmpeg']['steady'])
-            w('| CPU per stream ≤ 0.8 × ffmpeg, %d relay%s (MPEG-TS, RTMP) | %s × over the %.0f-s run; %s × in '
-              'steady state | %s; %s |' % (n, '' if n == 1 else 's', fmt_num(rr, '.2f'), plan.live_seconds,
-                                          fmt_num(rs, '.2f'), met(rr, 0.8), met(rs, 0.8)))
-    s1 = ts.get(1)
-    if s1:
-        rr = ratio(s1['pelvane']['maxrss'], s1['ffmpeg']['maxrss'])
-        w('| peak RSS per process ≤ 0.5 × ffmpeg | %s × (%s vs %s MiB) | %s |' %
-          (fmt_num(rr, '.2f'), fmt_num(s1['pelvane']['maxrss'] / 1024, '.1f'),
-           fmt_num(s1['ffmpeg']['maxrss'] / 1024, '.1f'), 'yes' if rr is not None and rr <= 0.5 else 'no'))
-    for source in ('rtmp', 'http'):
-        rows = [r for r in results['ttfb'] if r['source'] == source and r['fmt'] == 'ts']
-        if rows:
-            m = tool_medians(rows, 'ttfb')
-            diffs = ttfb_differences(rows)
-            d = med(diffs)
-            w('| time to first byte no worse, %s (MPEG-TS) | %s s vs %s s; paired difference %s ms (median of %d) '
-              '| %s |' % (source.upper(), fmt_num(m['pelvane'], '.3f'), fmt_num(m['ffmpeg'], '.3f'),
-                          fmt_num(None if d is None else d * 1000, '+.0f'), len(diffs), met(d, 0.0)))
-    if ts.get(1) and ts.get(40):
-        g = ratio(ts[40]['pelvane']['cpu_rate'], ts[1]['pelvane']['cpu_rate'])
-        gs = ratio(ts[40]['pelvane']['steady'], ts[1]['pelvane']['steady'])
-        w('| pelvane CPU per stream at 40 relays ≤ 1.2 × at 1 | %s × over the run; %s × in steady state | '
-          '%s; %s |' % (fmt_num(g, '.2f'), fmt_num(gs, '.2f'), met(g, 1.2), met(gs, 1.2)))
-    w('')
-
-    w('## Throughput: 60 s of 4 Mbit/s H.264 + AAC MPEG-TS over tcp:// as fast as TCP allows')
-    w('')
-    w('| output | metric | pelvane | ffmpeg | ratio |')
+    if machine['load_before'] > machine['cores'] / 2:
+        w('Taken on a loaded machine (other work shared its %d cores; load average %.1f before the run): '
+          'wall times and time to first byte carry that load, CPU figures less so. Ratios between the '
+          'contestants of the same run are what to compare.' % (machine['cores'], machine['load_before']))
+        w('')
+    w('| contestant | program | FFmpeg | shared objects loaded | program size KiB |')
     w('|---|---|---|---|---|')
-    for fmt in ('ts', 'mp4'):
-        rows = [r for r in results['throughput'] if r['fmt'] == fmt]
-        if not rows:
-            continue
-        for key, label, scale, number_format in (('cpu', 'CPU s (user+sys)', 1, '.3f'), ('wall', 'wall s', 1, '.3f'),
-                                        ('bytes', 'bytes out', 1, ',.0f'), ('maxrss_kib', 'peak RSS MiB', 1 / 1024, '.1f')):
-            m = tool_medians(rows, key)
-            w('| %s | %s | %s | %s | %s |' % ('MPEG-TS' if fmt == 'ts' else 'MP4', label,
-                                              fmt_num(m['pelvane'] * scale, number_format), fmt_num(m['ffmpeg'] * scale, number_format),
-                                              fmt_num(ratio(m['pelvane'], m['ffmpeg']), '.2f')))
+    for c in cs:
+        w('| %s | `%s` | %s | %d | %d |' % (c['label'], os.path.relpath(c['exe'], REPO) if c['exe'].startswith(REPO)
+                                           else c['exe'], c['libavformat'], c['shared_objects'], c['size_kib']))
+    w('')
+    w('The ffmpeg tools run as `ffmpeg -hide_banner -nostdin -loglevel error -i URL -map 0:v:0 -map 0:a:0 '
+      '-c copy -f mpegts pipe:1`, pelvane as `pelvane --url URL`; all write into a pipe that the harness '
+      'reads, and the order of the contestants rotates round by round.')
     w('')
 
-    w('## Live cost: RTMP source in real time (about 2 Mbit/s), N relays at once')
+    def s(key, seconds, relays, field):
+        x = live_summary(results, key, seconds, relays)
+        return x[field] if x else None
+
+    def startup_med(key, field):
+        return med(r[field] for r in results['startup'] if r['tool'] == key)
+
+    def ttfb_med(key):
+        return med(r['ttfb'] for r in results['ttfb'] if r['tool'] == key)
+
+    if static:
+        w('## Targets for the static pelvane')
+        w('')
+        w('| target | static pelvane | ffmpeg tool | ratio | met |')
+        w('|---|---|---|---|---|')
+        rows = [
+            ('start-up CPU ≤ 0.25 ×', startup_med(static, 'cpu'), startup_med('ffmpeg', 'cpu'), 1000, 'ms', 0.25),
+            ('CPU per stream over a 10-s relay ≤ 0.7 ×', s(static, 10.0, 1, 'cpu_rate'),
+             s('ffmpeg', 10.0, 1, 'cpu_rate'), 1000, 'ms/s', 0.7),
+            ('peak RSS ≤ 0.3 ×', s(static, 10.0, 1, 'maxrss'), s('ffmpeg', 10.0, 1, 'maxrss'), 1 / 1024, 'MiB', 0.3),
+            ('private memory per process at 40 relays ≤ 0.5 ×', s(static, 10.0, 40, 'private'),
+             s('ffmpeg', 10.0, 40, 'private'), 1 / 1024, 'MiB', 0.5),
+            ('time to first byte, RTMP: no worse', ttfb_med(static), ttfb_med('ffmpeg'), 1, 's', 1.0),
+            ('time to first byte, HTTP ≤ 0.5 ×', startup_med(static, 'wall'), startup_med('ffmpeg', 'wall'),
+             1, 's', 0.5),
+        ]
+        for name, a, b, scale, unit, limit in rows:
+            rr = ratio(a, b)
+            w('| %s | %s %s | %s %s | %s | %s |' % (
+                name, fmt_num(None if a is None else a * scale, '.3f' if unit == 's' else '.1f'), unit,
+                fmt_num(None if b is None else b * scale, '.3f' if unit == 's' else '.1f'), unit,
+                fmt_num(rr, '.2f'), '-' if rr is None else ('yes' if rr <= limit else 'no')))
+        w('')
+        note = curl_share_note(results, static)
+        if note:
+            w(note)
+            w('')
+
+    head = '| measure | ' + ' | '.join(label[k] for k in keys) + ' | ' + \
+        ' | '.join('%s / ffmpeg' % label[k].replace('pelvane ', '').replace('ffmpeg tool, ', '') for k in pel) + ' |'
+    sep = '|---|' + '---|' * (len(keys) + len(pel))
+
+    def row(name, values, number_format):
+        base = values.get('ffmpeg')
+        return '| %s | %s | %s |' % (name, ' | '.join(fmt_num(values.get(k), number_format) for k in keys),
+                                     ' | '.join(fmt_num(ratio(values.get(k), base), '.2f') for k in pel))
+
+    w('## Start-up')
     w('')
-    w('CPU per stream = a process\'s user + system time (wait4) over its lifetime of %.0f s, start-up and '
-      'probing included; steady = scheduler run time from %.0f s to the end. Memory: peak RSS (VmHWM of '
-      'the process since its exec; shared library pages count in full), and at the end Pss and private '
-      '(USS) pages from smaps_rollup.' % (plan.live_seconds, plan.steady_from))
+    w('Exec to the first byte on standard output, relaying a 4 Mbit/s MPEG-TS file from a local HTTP server, '
+      'one process at a time (CPU = the process\'s scheduler run time when the harness saw the byte); '
+      'and exec to exit of `pelvane --help` / `ffmpeg -version`. Floors, exec to exit: a program linking libc '
+      'only %s ms CPU; + GnuTLS and zlib %s ms; + libcurl as well %s ms.' % tuple(
+          fmt_num((med(r['cpu'] for r in results['help'] if r['tool'] == k) or 0) * 1000 or None, '.1f')
+          for k in ('probe_libc', 'probe_tls', 'probe_curl')))
     w('')
-    w('| output | relays | CPU ms/s per stream pelvane | ffmpeg | ratio | steady pelvane | ffmpeg | ratio | '
-      'peak RSS MiB pelvane | ffmpeg | ratio | Pss MiB pelvane | ffmpeg | private MiB pelvane | ffmpeg |')
-    w('|---|---|---|---|---|---|---|---|---|---|---|---|---|---|---|')
-    for fmt, levels in (('ts', plan.live_levels), ('mp4', plan.live_levels_mp4)):
-        for n in levels:
-            s = live_summary(results, fmt, n)
-            if not s:
+    w(head)
+    w(sep)
+    w(row('CPU ms, exec to first byte (HTTP)', {k: (startup_med(k, 'cpu') or 0) * 1000 or None for k in keys}, '.1f'))
+    w(row('wall ms, exec to first byte (HTTP)', {k: (startup_med(k, 'wall') or 0) * 1000 or None for k in keys}, '.1f'))
+    for field, name in (('cpu', 'CPU ms, exec to exit of --help / -version'),
+                        ('wall', 'wall ms, exec to exit of --help / -version')):
+        w(row(name, {k: (med(r[field] for r in results['help'] if r['tool'] == k) or 0) * 1000 or None
+                     for k in keys}, '.1f'))
+    w('')
+
+    w('## Time to first byte from a live RTMP source (key frame every second)')
+    w('')
+    w('All contestants started together in each round, so that all wait for the same key frame.')
+    w('')
+    w(head)
+    w(sep)
+    w(row('seconds, exec to first byte', {k: ttfb_med(k) for k in keys}, '.3f'))
+    w('')
+
+    w('## Live cost: RTMP source in real time (about 2 Mbit/s)')
+    w('')
+    w('CPU per stream = a process\'s user + system time (wait4) over its whole life, start-up and probing '
+      'included; steady = scheduler run time from %s to the end. 10-s runs: one contestant at a time; 60-s '
+      'runs: one relay of each contestant at once. Memory at the end of the 10-s runs: peak RSS (VmHWM since '
+      'exec; shared library pages count in full), Pss and private (USS) pages from smaps_rollup.' %
+      ', '.join('%.0f s (%.0f-s runs)' % (v, k) for k, v in sorted(plan.steady_from.items())))
+    w('')
+    w(head)
+    w(sep)
+    for seconds, relays, _ in plan.live_runs:
+        tag = '%.0f-s run, %d relay%s' % (seconds, relays, '' if relays == 1 else 's')
+        w(row('CPU ms/s per stream, %s' % tag,
+              {k: None if s(k, seconds, relays, 'cpu_rate') is None else s(k, seconds, relays, 'cpu_rate') * 1000
+               for k in keys}, '.2f'))
+        w(row('steady CPU ms/s, %s' % tag,
+              {k: None if s(k, seconds, relays, 'steady') is None else s(k, seconds, relays, 'steady') * 1000
+               for k in keys}, '.2f'))
+        if seconds < 60:
+            for field, name in (('maxrss', 'peak RSS MiB'), ('pss', 'Pss MiB'), ('private', 'private MiB')):
+                w(row('%s, %s' % (name, tag), {k: None if s(k, seconds, relays, field) is None
+                                                else s(k, seconds, relays, field) / 1024 for k in keys}, '.1f'))
+    w('')
+    w('![CPU per stream](%s)' % plot_name)
+    w('')
+
+    maps = results.get('maps') or {}
+    if maps:
+        w('## Where the memory of one relay sits (10-s run, 1 relay, /proc/PID/smaps at the end)')
+        w('')
+        w('Rss / private KiB by mapping: the program itself, the libraries, the heap and anonymous memory '
+          '(thread stacks, buffers). Libraries grouped: "FFmpeg" = libav*, libsw*, libpostproc; "libcurl tree" '
+          '= the shared objects that linking libcurl adds to a program that links GnuTLS and zlib (what the '
+          'static FFmpeg needs); the rest of the shared objects as "other libraries".')
+        w('')
+        groups = ['program', 'FFmpeg', 'libcurl tree', 'other libraries', '[heap]', '[anonymous]', '[stack] and rest']
+        w('| mapping | ' + ' | '.join(label[k] for k in keys if k in maps) + ' |')
+        w('|---|' + '---|' * sum(1 for k in keys if k in maps))
+        grouped = {}
+        for k in keys:
+            if k not in maps:
                 continue
-            p, f = s['pelvane'], s['ffmpeg']
-
-            def ms(v):
-                return None if v is None else v * 1000
-
-            def mib(v):
-                return None if v is None else v / 1024
-            w('| %s | %d | %s | %s | %s | %s | %s | %s | %s | %s | %s | %s | %s | %s | %s |' % (
-                'MPEG-TS' if fmt == 'ts' else 'MP4', n,
-                fmt_num(ms(p['cpu_rate']), '.2f'), fmt_num(ms(f['cpu_rate']), '.2f'),
-                fmt_num(ratio(p['cpu_rate'], f['cpu_rate']), '.2f'),
-                fmt_num(ms(p['steady']), '.2f'), fmt_num(ms(f['steady']), '.2f'),
-                fmt_num(ratio(p['steady'], f['steady']), '.2f'),
-                fmt_num(mib(p['maxrss']), '.1f'), fmt_num(mib(f['maxrss']), '.1f'),
-                fmt_num(ratio(p['maxrss'], f['maxrss']), '.2f'),
-                fmt_num(mib(p['pss']), '.1f'), fmt_num(mib(f['pss']), '.1f'),
-                fmt_num(mib(p['private']), '.1f'), fmt_num(mib(f['private']), '.1f')))
-    w('')
-    w('![CPU per stream against relays](%s)' % plot_name)
-    w('')
-
-    w('## Time to first byte on standard output, from process start')
-    w('')
-    w('Both tools are started together in each round (paired); "pelvane not later" counts the rounds '
-      'in which pelvane\'s first byte came no later than the ffmpeg tool\'s.')
-    w('')
-    w('| output | source | pelvane s | ffmpeg s | ratio | pelvane not later | rounds |')
-    w('|---|---|---|---|---|---|---|')
-    for fmt in ('ts', 'mp4'):
-        for source, label in (('rtmp', 'RTMP (live, key frame every second)'), ('http', 'HTTP (file, as fast as possible)')):
-            rows = [r for r in results['ttfb'] if r['source'] == source and r['fmt'] == fmt]
-            if rows:
-                m = tool_medians(rows, 'ttfb')
-                by_round = {}
-                for r in rows:
-                    by_round.setdefault(r['round'], {})[r['tool']] = r['ttfb']
-                pairs = [v for v in by_round.values() if len(v) == 2]
-                not_later = sum(1 for v in pairs if v['pelvane'] <= v['ffmpeg'])
-                w('| %s | %s | %s | %s | %s | %d of %d | %d |' % (
-                    'MPEG-TS' if fmt == 'ts' else 'MP4', label, fmt_num(m['pelvane'], '.3f'),
-                    fmt_num(m['ffmpeg'], '.3f'), fmt_num(ratio(m['pelvane'], m['ffmpeg']), '.2f'),
-                    not_later, len(pairs), len(pairs)))
-    w('')
+            g = {x: [0, 0, 0, 0] for x in groups}
+            exe = os.path.basename(next(c['exe'] for c in cs if c['key'] == k))
+            for name, (rss, pss, priv) in maps[k].items():
+                if name == exe:
+                    grp = 'program'
+                elif name.startswith(('libav', 'libsw', 'libpostproc')):
+                    grp = 'FFmpeg'
+                elif name in CURL_TREE:
+                    grp = 'libcurl tree'
+                elif '.so' in name:
+                    grp = 'other libraries'
+                elif name in ('[heap]', '[anonymous]'):
+                    grp = name
+                else:
+                    grp = '[stack] and rest'
+                g[grp][0] += rss
+                g[grp][1] += priv
+                if '.so' in name:
+                    g[grp][3] += 1
+            grouped[k] = g
+        for grp in groups:
+            w('| %s | %s |' % (grp, ' | '.join(
+                '%d / %d%s' % (grouped[k][grp][0], grouped[k][grp][1],
+                               (' (%d objects)' % grouped[k][grp][3]) if grouped[k][grp][3] else '')
+                for k in keys if k in grouped)))
+        w('')
 
     if micro:
-        w('## Micro-benchmarks (Google Benchmark, `%s`)' % 'build/<dir>/bench/pelvane_bench')
+        w('## Micro-benchmarks (Google Benchmark, `build/<dir>/bench/pelvane_bench`)')
         w('')
         w('Wall time and CPU time of the benchmark\'s thread per iteration; they differ where a pipe '
           'reader thread or a busy machine makes the writer wait.')
@@ -685,41 +757,70 @@ def write_report(path, plot_name, results, machine, micro, plan):
         f.write('\n'.join(L))
 
 
-def write_plot(path, results, plan, work):
+def curl_share_note(results, static):
+    """What libcurl's dependency tree costs the static pelvane at start-up and in resident memory,
+    from the two start-up floors and the memory map; None without them."""
+    def help_cpu(key):
+        return med(r['cpu'] for r in results['help'] if r['tool'] == key)
+    tls, curl, own = help_cpu('probe_tls'), help_cpu('probe_curl'), help_cpu(static)
+    start = med(r['cpu'] for r in results['startup'] if r['tool'] == static)
+    ff = med(r['cpu'] for r in results['startup'] if r['tool'] == 'ffmpeg')
+    m = (results.get('maps') or {}).get(static)
+    peak = live_summary(results, static, 10.0, 1)
+    ff_peak = live_summary(results, 'ffmpeg', 10.0, 1)
+    if None in (tls, curl, own, start, ff) or not m or not peak or not ff_peak or not CURL_TREE:
+        return None
+    curl_rss = sum(v[0] for k, v in m.items() if k in CURL_TREE)
+    load = curl - tls
+    return ('Where the static pelvane\'s remaining cost sits: loading libcurl\'s dependency tree (%d shared '
+            'objects beyond GnuTLS and zlib) takes %.1f ms of CPU (a program linking GnuTLS, zlib and libcurl: '
+            '%.1f ms from exec to exit, one linking GnuTLS and zlib only: %.1f ms), against %.1f ms for the whole of `pelvane --help` and %.1f ms to the first '
+            'byte of an HTTP source; without it start-up would be about %.2f × the ffmpeg tool\'s. The same '
+            'libraries hold %.1f MiB of the relay\'s resident memory; its peak less that would be about %.2f × '
+            'the ffmpeg tool\'s.' % (
+                len(CURL_TREE), load * 1000, curl * 1000, tls * 1000, own * 1000, start * 1000,
+                (start - load) / ff, curl_rss / 1024, (peak['maxrss'] - curl_rss) / ff_peak['maxrss']))
+
+
+# Shared objects that a program linking libcurl (Debian 12, OpenSSL flavour) loads only
+# because of it, beyond GnuTLS and zlib; filled in by curl_tree() from the probes.
+CURL_TREE = set()
+
+
+def curl_tree(probe_curl, probe_tls):
+    def libs(exe):
+        ldd = subprocess.run(['ldd', exe], capture_output=True, text=True).stdout
+        return {os.path.basename(os.path.realpath(l.split('=>')[1].split()[0])) for l in ldd.splitlines()
+                if '=>' in l and '/' in l.split('=>')[1]}
+    return libs(probe_curl) - libs(probe_tls)
+
+
+def write_plot(path, results, plan, machine, work):
     if not shutil.which('gnuplot'):
         log('no gnuplot (Debian package gnuplot-nox): no plot')
         return
+    cs = machine['contestants']
+    runs = [(sec, n) for sec, n, _ in plan.live_runs]
     data = os.path.join(work, 'cpu_per_stream.dat')
-    series = []
     with open(data, 'w') as f:
-        for fmt, levels, key in (('ts', plan.live_levels, 'cpu_rate'), ('mp4', plan.live_levels_mp4, 'cpu_rate'),
-                                 ('ts', plan.live_levels, 'steady')):
-            for tool in ('pelvane', 'ffmpeg'):
-                f.write('# %s %s %s\n' % (tool, fmt, key))
-                n_rows = 0
-                for n in levels:
-                    s = live_summary(results, fmt, n)
-                    if s and s[tool][key] is not None:
-                        f.write('%d %.4f\n' % (n, s[tool][key] * 1000))
-                        n_rows += 1
-                f.write('\n\n')
-                title = '%s %s%s' % (tool, 'MPEG-TS' if fmt == 'ts' else 'MP4',
-                                     ', steady state' if key == 'steady' else ', whole run')
-                series.append((title, n_rows, key == 'steady'))
-    plots = []
-    for idx, (title, n_rows, dashed) in enumerate(series):
-        if n_rows:
-            plots.append("'%s' index %d using 1:2 with linespoints lw 2 pt 7 %s title '%s'" %
-                         (data, idx, 'dt 2' if dashed else '', title))
+        f.write('run %s\n' % ' '.join('"%s"' % c['label'] for c in cs))
+        for sec, n in runs:
+            for field, tag in (('cpu_rate', 'whole'), ('steady', 'steady')):
+                vals = []
+                for c in cs:
+                    x = live_summary(results, c['key'], sec, n)
+                    v = x[field] if x else None
+                    vals.append('%.4f' % (v * 1000) if v is not None else '0')
+                f.write('"%.0f s, %d, %s" %s\n' % (sec, n, tag, ' '.join(vals)))
     script = '\n'.join([
-        'set terminal pngcairo size 900,540 font "sans,11"' if _has_cairo() else 'set terminal png size 900,540',
+        'set terminal pngcairo size 1000,560 font "sans,10"' if _has_cairo() else 'set terminal png size 1000,560',
         "set output '%s'" % path,
-        "set title 'CPU per relayed stream, RTMP source in real time (%.0f-s runs, medians)'" % plan.live_seconds,
-        "set xlabel 'relays at once'",
+        "set title 'CPU per relayed stream, RTMP source in real time (run length, relays at once; medians)'",
         "set ylabel 'CPU ms per second of stream'",
-        'set logscale x', 'set xtics (1, 10, 40)', 'set xrange [0.8:50]', 'set yrange [0:*]',
-        'set key bottom left', 'set grid',
-        'plot ' + ', '.join(plots),
+        'set style data histograms', 'set style histogram clustered gap 1', 'set style fill solid 0.8 border -1',
+        'set yrange [0:*]', 'set key top right', 'set grid ytics', 'set xtics rotate by -20',
+        'plot ' + ', '.join("'%s' using %d:xtic(1) title columnheader(%d)" % (data, i + 2, i + 2)
+                            for i in range(len(cs))),
     ])
     r = subprocess.run(['gnuplot'], input=script, capture_output=True, text=True, timeout=60)
     if r.returncode != 0:
@@ -735,79 +836,77 @@ def _has_cairo():
 
 def main():
     ap = argparse.ArgumentParser(description='pelvane next to the ffmpeg tool on local sources.')
-    ap.add_argument('--build', required=True, help='build directory holding v2/pelvane')
+    ap.add_argument('--build', action='append', required=True,
+                    help='build directory holding v2/pelvane (repeat: system FFmpeg first, then static)')
+    ap.add_argument('--ffmpeg7', help='an ffmpeg tool built from the trimmed 7.1 sources (optional)')
     ap.add_argument('--quick', action='store_true', help='fewer rounds, shorter runs (also BENCH_QUICK=1)')
     ap.add_argument('--out-dir', help='where results.md and cpu_per_stream.png go (default: bench/, or '
-                    '<build>/bench-quick when quick)')
-    ap.add_argument('--only', default='throughput,live,ttfb,micro', help='comma-separated parts to run')
+                    '<first build>/bench-quick when quick)')
+    ap.add_argument('--only', default='startup,ttfb,live,micro', help='comma-separated parts to run')
     ap.add_argument('--report-from', metavar='RESULTS_JSON',
                     help='measure nothing: write the report and plot again from a run\'s raw results.json')
     a = ap.parse_args()
-    build = os.path.abspath(a.build)
+    builds = [os.path.abspath(b) for b in a.build]
     quick = a.quick or os.environ.get('BENCH_QUICK', '') not in ('', '0')
     plan = Plan(quick)
     parts = set(a.only.split(','))
+    probes = [(k, os.path.join(builds[0], 'bench', 'startup_' + k)) for k in ('probe_libc', 'probe_tls', 'probe_curl')]
+    probes = [(k, p) for k, p in probes if os.path.exists(p)]
+    if len(probes) == 3:
+        CURL_TREE.update(curl_tree(probes[2][1], probes[1][1]))
     if a.report_from:
         with open(a.report_from) as f:
             raw = json.load(f)
         plan = Plan(raw.get('quick', quick))
-        out_dir = a.out_dir or (os.path.join(build, 'bench-quick') if plan.quick else HERE)
+        out_dir = a.out_dir or (os.path.join(builds[0], 'bench-quick') if plan.quick else HERE)
         os.makedirs(out_dir, exist_ok=True)
         work = os.path.dirname(os.path.abspath(a.report_from))
-        write_plot(os.path.join(out_dir, 'cpu_per_stream.png'), raw['results'], plan, work)
+        write_plot(os.path.join(out_dir, 'cpu_per_stream.png'), raw['results'], plan, raw['machine'], work)
         write_report(os.path.join(out_dir, 'results.md'), 'cpu_per_stream.png', raw['results'], raw['machine'],
                      raw.get('micro'), plan)
         return
 
-    setup_environment(build)
+    setup_environment(builds[0])
     import harness
     import peers
     register_bench_media(harness)
 
-    pelvane_bin = os.environ['PELVANE_BIN']
+    cs = contestants(builds, a.ffmpeg7)
     work = harness.scratch('bench')
     os.makedirs(work, exist_ok=True)
-    out_dir = a.out_dir or (os.path.join(build, 'bench-quick') if quick else HERE)
+    out_dir = a.out_dir or (os.path.join(builds[0], 'bench-quick') if quick else HERE)
     os.makedirs(out_dir, exist_ok=True)
     out_md = os.path.join(out_dir, 'results.md')
     out_png = os.path.join(out_dir, 'cpu_per_stream.png')
 
-    machine = machine_facts(pelvane_bin)
+    machine = machine_facts(cs)
     log('machine: %s' % json.dumps(machine))
-    bench = Bench(plan, pelvane_bin, work)
+    bench = Bench(plan, cs, work)
     t_begin = time.monotonic()
+    micro = None
     try:
-        log('media (generated once into %s)' % harness.MEDIA)
         file_4m = harness.media_path('bench_4m_60s.ts')
         live_media = harness.media_path('bench_live_2m.mkv')
-        if 'throughput' in parts:
-            with SendfilePeer(file_4m) as src:
-                for fmt in ('ts', 'mp4'):
-                    bench.throughput(src.url, fmt)
+        if 'startup' in parts:
+            bench.help(probes)
+            with peers.HttpPeer(os.path.dirname(file_4m)) as http:
+                bench.startup(http.url(os.path.basename(file_4m)))
         if 'live' in parts or 'ttfb' in parts:
             with peers.RtmpPeer(media=live_media) as rtmp:
                 time.sleep(1.0)
-                if 'live' in parts:
-                    for n in plan.live_levels:
-                        bench.live(rtmp.url, 'ts', n, plan.live_rounds)
-                    for n in plan.live_levels_mp4:
-                        bench.live(rtmp.url, 'mp4', n, plan.live_rounds_mp4)
                 if 'ttfb' in parts:
-                    for fmt in ('ts', 'mp4'):
-                        bench.ttfb('rtmp', rtmp.url, fmt)
-        if 'ttfb' in parts:
-            with peers.HttpPeer(os.path.dirname(file_4m)) as http:
-                url = http.url(os.path.basename(file_4m))
-                for fmt in ('ts', 'mp4'):
-                    bench.ttfb('http', url, fmt)
-        micro = run_micro(build, plan, work) if 'micro' in parts else None
+                    bench.ttfb_rtmp(rtmp.url)
+                if 'live' in parts:
+                    for seconds, relays, rounds in plan.live_runs:
+                        bench.live(rtmp.url, seconds, relays, rounds)
+        if 'micro' in parts:
+            micro = run_micro(builds[0], plan, work)
     finally:
         kill_all_relays()
-        harness.stop_all()
     with open(os.path.join(work, 'results.json'), 'w') as f:
         json.dump({'machine': machine, 'quick': plan.quick, 'results': bench.results, 'micro': micro}, f,
                   indent=1)
-    write_plot(out_png, bench.results, plan, work)
+    write_plot(out_png, bench.results, plan, machine, work)
     write_report(out_md, os.path.basename(out_png), bench.results, machine, micro, plan)
     log('done in %.0f s: %s, %s (raw data in %s)' % (time.monotonic() - t_begin, out_md, out_png, work))
 

@@ -13,6 +13,7 @@ status=0
 sanitizer_common=halt_on_error=1:abort_on_error=0:print_stacktrace=1:symbolize=1
 for dir in "$@"; do
   lib=$(ldd "$dir/v2/pelvane" | awk '/libavformat/ { print $3 }')
+  [ -n "$lib" ] || lib="static, linked into pelvane"
   ver=$(grep -E '^FFMPEG_libavformat_VERSION:' "$dir/CMakeCache.txt" | cut -d= -f2)
   echo
   if grep -q '^PELVANE_SANITIZE:BOOL=ON' "$dir/CMakeCache.txt"; then
