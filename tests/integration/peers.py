@@ -1,13 +1,8 @@
 #!/usr/bin/python3
-"""Real sources on 127.0.0.1 for pelvane's tests and demo, as context managers: HttpPeer (files over
-HTTP, or HTTPS with a throwaway certificate), RtmpPeer (nginx with Debian's RTMP module fed by the
-ffmpeg tool; RTMPS through nginx's stream module) and ListenerPeer (the ffmpeg tool as a live
-single-client server).
-
-Standalone, for the demo:
-    /usr/bin/python3 tests/integration/peers.py <http|https|rtmp|rtmps> [--media FILE]
-starts the peer, prints its URL on one line and serves until SIGTERM or SIGINT.
-"""
+"""Real sources on 127.0.0.1 as context managers: HttpPeer (HTTP, or HTTPS with a throwaway
+certificate), RtmpPeer (nginx's RTMP module fed by the ffmpeg tool; RTMPS through nginx's stream
+module), ListenerPeer (the ffmpeg tool as a live single-client server). Standalone (the demo):
+peers.py <http|https|rtmp|rtmps> [--media FILE] prints its URL and serves until SIGTERM."""
 
 import argparse
 import fcntl
@@ -38,12 +33,11 @@ class _Server(http.server.ThreadingHTTPServer):
     daemon_threads = True
 
     def handle_error(self, request, client_address):
-        pass  # a client that hangs up mid-file is ordinary here (the relay's tests do it on purpose)
+        pass  # a client that hangs up mid-file is ordinary here
 
 
 def make_cert():
-    """Self-signed certificate for 127.0.0.1 in the scratch dir: (cert path, key path)."""
-    d = os.path.join(harness.work_dir(), 'tls')
+    d = os.path.join(harness.WORK, 'pelvane-tls')
     os.makedirs(d, exist_ok=True)
     cert, key = os.path.join(d, 'cert.pem'), os.path.join(d, 'key.pem')
     with open(os.path.join(d, '.lock'), 'w') as lock:
@@ -60,8 +54,6 @@ def make_cert():
 
 
 class HttpPeer:
-    """Static files of `directory` over HTTP or HTTPS on a free port, as fast as the client reads."""
-
     def __init__(self, directory=None, tls=False, port=None):
         self.directory, self.tls, self.port = directory or harness.MEDIA, tls, port or harness.free_port()
         self.server = None
@@ -122,9 +114,6 @@ NGINX_TLS = """stream {{
 
 
 class RtmpPeer:
-    """nginx + RTMP module on a free port, with one stream `live/test` published by the ffmpeg tool
-    from `media` in a loop. nginx lists the stream's audio before its video."""
-
     def __init__(self, media=None, rtmps=False):
         self.media, self.rtmps, self.stream = media or harness.media_path('h264_aac.mkv'), rtmps, 'test'
         self.port = harness.free_port()
@@ -145,6 +134,9 @@ class RtmpPeer:
         return open(path, errors='replace').read() if os.path.exists(path) else ''
 
     def __enter__(self):
+        harness.require('/usr/sbin/nginx', 'nginx-light')
+        for m in ['rtmp'] + (['stream'] if self.rtmps else []):
+            harness.require('%s/ngx_%s_module.so' % (NGINX_MODULES, m), 'libnginx-mod-' + m)
         os.makedirs(self.prefix, exist_ok=True)
         conf = os.path.join(self.prefix, 'nginx.conf')
         stream = NGINX_TLS.format(tls_port=self.tls_port, port=self.port, **dict(zip(('cert', 'key'), make_cert()))) \
@@ -180,9 +172,7 @@ class RtmpPeer:
 
 
 class ListenerPeer:
-    """The ffmpeg tool serving `media` live (-re) to one client: kind 'tcp' is MPEG-TS on
-    tcp://127.0.0.1:P (listen=1), kind 'http' a `-listen 1` HTTP server. loop=True repeats the
-    file for ever, else the source ends after one pass."""
+    """The ffmpeg tool serving `media` live (-re) to one client: 'tcp' (MPEG-TS, listen=1) or 'http'."""
 
     def __init__(self, media, kind='tcp', loop=True, fmt='mpegts'):
         self.media, self.kind, self.loop, self.fmt, self.port = media, kind, loop, fmt, harness.free_port()
@@ -207,7 +197,6 @@ class ListenerPeer:
         return self
 
     def stall(self):
-        """Freeze the source mid-stream: the connection stays open and no more bytes come."""
         self.proc.send_group(signal.SIGSTOP)
 
     def resume(self):
