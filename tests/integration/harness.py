@@ -1,6 +1,6 @@
-"""Shared machinery for the integration tests (stdlib only): ports, processes that never outlive
-a test, generated media, running pelvane, sanitizer reports and readers of the output.
-Environment (set by ctest): PELVANE_BIN, PELVANE_CC_BIN, PELVANE_WORK, PELVANE_MEDIA."""
+# Shared machinery for the integration tests (stdlib only): ports, processes that never outlive
+# a test, generated media, running pelvane, sanitizer reports and readers of the output.
+# Environment (set by ctest): PELVANE_BIN, PELVANE_CC_BIN, PELVANE_WORK, PELVANE_MEDIA.
 
 import fcntl
 import json
@@ -24,8 +24,8 @@ WORK = os.environ.get('PELVANE_WORK') or tempfile.gettempdir()
 MIME_HEAD_TS = b'HTTP/1.0 200 OK\nContent-Type: video/mp2t\n\n'
 
 
+# A path in a per-process directory, so parallel runs never share files.
 def scratch(name):
-    """A path in a per-process directory, so parallel runs never share files."""
     d = os.path.join(WORK, 'pelvane-p%d' % os.getpid())
     os.makedirs(d, exist_ok=True)
     return os.path.join(d, name)
@@ -49,13 +49,13 @@ def free_port(host='127.0.0.1'):
         return s.getsockname()[1]
 
 
+# A random 127.x.y.z, so that runs side by side can each have port 554.
 def loopback_address():
-    """A random 127.x.y.z, so that runs side by side can each have port 554."""
     return '127.%d.%d.%d' % (random.randint(1, 254), random.randint(0, 255), random.randint(2, 254))
 
 
+# A missing peer or decoder fails the test, naming what installs it.
 def require(path, package):
-    """A missing peer or decoder fails the test, naming what installs it."""
     if not os.path.exists(path):
         raise AssertionError('%s is missing: install the Debian package %s (make deps)' % (path, package))
 
@@ -72,8 +72,8 @@ def is_listening(port):
                                       timeout=10).stdout
 
 
+# Asks `ss` (a connect would use up a single-client listener); gives up when proc has ended.
 def wait_listen(port, timeout=10.0, proc=None):
-    """Asks `ss` (a connect would use up a single-client listener); gives up when proc has ended."""
     wait_for(lambda: is_listening(port) or (proc is not None and not proc.running()), timeout)
     return is_listening(port)
 
@@ -81,8 +81,8 @@ def wait_listen(port, timeout=10.0, proc=None):
 _live = set()
 
 
+# A child in its own process group, killed with it on clean-up (and by the kernel if we die).
 class Proc:
-    """A child in its own process group, killed with it on clean-up (and by the kernel if we die)."""
 
     def __init__(self, argv, name=None, stdin=subprocess.DEVNULL, stdout=None, stderr=None, log_path=None, env=None):
         self.name, self.log_path = name or os.path.basename(argv[0]), log_path
@@ -97,8 +97,8 @@ class Proc:
     def running(self):
         return self.popen.poll() is None
 
+    # Exit status (-N for signal N), or None when still running after timeout seconds.
     def wait(self, timeout):
-        """Exit status (-N for signal N), or None when still running after timeout seconds."""
         try:
             return self.popen.wait(timeout=timeout)
         except subprocess.TimeoutExpired:
@@ -176,8 +176,8 @@ def register_media(name, recipe):
     MEDIA_RECIPES.setdefault(name, recipe)
 
 
+# Generated media `name`, made once (under a lock) and shared by every run and build.
 def media_path(name):
-    """Generated media `name`, made once (under a lock) and shared by every run and build."""
     path = os.path.join(MEDIA, name)
     if os.path.exists(path):
         return path
@@ -205,8 +205,8 @@ class Run:
             ' '.join(self.argv), self.status, self.elapsed, len(self.stdout), self.stderr[-3000:])
 
 
+# pelvane in the background, stdout and stderr in files (or stdout given, e.g. a pipe).
 class Started:
-    """pelvane in the background, stdout and stderr in files (or stdout given, e.g. a pipe)."""
 
     def __init__(self, args, stdout=None, tag='run', stdin=subprocess.DEVNULL):
         self.args, self.err_path = list(args), scratch(tag + '.err')
@@ -221,8 +221,8 @@ class Started:
         size = lambda: os.path.getsize(self.out_path)  # noqa: E731
         return wait_for(lambda: size() >= n or not self.proc.running(), timeout) and self.proc.running()
 
+    # Sends sig, waits, stops; a Run whose elapsed counts from here.
     def finish(self, timeout=10, sig=None):
-        """Sends sig, waits, stops; a Run whose elapsed counts from here."""
         t0 = time.monotonic()
         if sig is not None:
             self.proc.send(sig)
@@ -235,8 +235,8 @@ class Started:
         return run
 
 
+# Runs pelvane to its end; raises TimeoutError when it is still running after timeout seconds.
 def run_pelvane(args, timeout=60, stdin=subprocess.DEVNULL, tag='run'):
-    """Runs pelvane to its end; raises TimeoutError when it is still running after timeout seconds."""
     s = Started(args, tag=tag, stdin=stdin)
     ended = s.proc.wait(timeout) is not None
     run = s.finish(0)
@@ -271,8 +271,8 @@ class _SanitizerAwareResult(unittest.TextTestResult):
         super().stopTest(test)
 
 
+# None when data is whole 188-byte packets (a cut last one allowed if asked), else what is wrong.
 def ts_framing_problem(data, allow_partial_tail=False):
-    """None when data is whole 188-byte packets (a cut last one allowed if asked), else what is wrong."""
     if len(data) < 188:
         return 'not one whole packet (%d bytes)' % len(data)
     if len(data) % 188 and not allow_partial_tail:
@@ -297,8 +297,8 @@ def ffprobe_packets(path):
     return ffprobe_json(path, '-show_entries', 'packet=stream_index,codec_type,dts,flags').get('packets', [])
 
 
+# Every packet whose dts is missing or does not exceed its stream's previous one.
 def dts_problems(packets):
-    """Every packet whose dts is missing or does not exceed its stream's previous one."""
     last, problems = {}, []
     for n, p in enumerate(packets):
         s, dts = p.get('stream_index'), p.get('dts')
@@ -308,10 +308,10 @@ def dts_problems(packets):
     return problems
 
 
+# What a decode of every packet reports; empty when all decode. Frames keep the stream's own
+# time base: re-stamped at the frame rate, a live source's jitter puts two frames on one tick,
+# which the null muxer reports, though nothing failed to decode.
 def decode_errors(path):
-    """What a decode of every packet reports; empty when all decode. Frames keep the stream's own
-    time base: re-stamped at the frame rate, a live source's jitter puts two frames on one tick,
-    which the null muxer reports, though nothing failed to decode."""
     r = subprocess.run(['ffmpeg', '-nostdin', '-hide_banner', '-v', 'error', '-i', path, '-enc_time_base', '-1',
                         '-f', 'null', '-'], capture_output=True, text=True, timeout=180)
     lines = (r.stdout + r.stderr).splitlines()
@@ -322,9 +322,9 @@ def decode_errors(path):
 
 class RelayChecks(unittest.TestCase):
 
+    # A relayed MPEG-TS: optional exact head, whole packets, these codecs (any order), strictly
+    # increasing dts per stream, a key first video packet, a clean decode. Returns the packets.
     def assertRelayTs(self, run_or_data, codecs, head=None, allow_partial_tail=False, name='out'):
-        """A relayed MPEG-TS: optional exact head, whole packets, these codecs (any order), strictly
-        increasing dts per stream, a key first video packet, a clean decode. Returns the packets."""
         data = run_or_data.stdout if isinstance(run_or_data, Run) else run_or_data
         ctx = run_or_data.describe() if isinstance(run_or_data, Run) else ''
         if head is not None:

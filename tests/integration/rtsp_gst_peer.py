@@ -1,9 +1,9 @@
 #!/usr/bin/python3
-"""GStreamer's RTSP server: rtsp_gst_peer.py ADDRESS PORT. A live test picture per client:
-  /h264      H.264 as RTP payload type 96
-  /ts-sessc  H.264 in MPEG-TS as payload type 33, the description rewritten to a session-level
-             c=IN IP4 ADDRESS, no media-level c= and port 5000: a server that asks for the redirect
-Prints "ready" once it listens, then "SETUP <url> <Transport>" per SETUP request."""
+# GStreamer's RTSP server: rtsp_gst_peer.py ADDRESS PORT. A live test picture per client:
+#   /h264      H.264 as RTP payload type 96
+#   /ts-sessc  H.264 in MPEG-TS as payload type 33, the description rewritten to a session-level
+#              c=IN IP4 ADDRESS, no media-level c= and port 5000: a server that asks for the redirect
+# Prints "ready" once it listens, then "SETUP <url> <Transport>" per SETUP request.
 
 import sys
 

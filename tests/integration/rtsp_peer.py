@@ -1,11 +1,11 @@
 #!/usr/bin/python3
-"""Scripted server for what no real RTSP server does, one mode per run:
-  mcast     canned OPTIONS/DESCRIBE/SETUP answers for MPEG-TS over RTP to 239.255.0.1:5000
-  garbage   2 MiB of fixed random bytes as soon as a client connects (any scheme), then close
-  silent    accepts and never says a word
-  megabyte  answers every request with a megabyte-long header line, then the methods
-Usage: rtsp_peer.py [--host H] [--port P] [--answer MODE]; prints its URL once it listens
-(without the port when it is 554, as a redirect needs)."""
+# Scripted server for what no real RTSP server does, one mode per run:
+#   mcast     canned OPTIONS/DESCRIBE/SETUP answers for MPEG-TS over RTP to 239.255.0.1:5000
+#   garbage   2 MiB of fixed random bytes as soon as a client connects (any scheme), then close
+#   silent    accepts and never says a word
+#   megabyte  answers every request with a megabyte-long header line, then the methods
+# Usage: rtsp_peer.py [--host H] [--port P] [--answer MODE]; prints its URL once it listens
+# (without the port when it is 554, as a redirect needs).
 
 import argparse
 import random
@@ -18,8 +18,8 @@ PUBLIC = 'Public: OPTIONS, DESCRIBE, SETUP, PLAY, TEARDOWN\r\n'
 
 
 class Handler(socketserver.StreamRequestHandler):
+    # (method, CSeq, Transport) of each request until the client closes.
     def requests(self):
-        """(method, CSeq, Transport) of each request until the client closes."""
         while line := self.rfile.readline(65536):
             if not line.strip():
                 continue

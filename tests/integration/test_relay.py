@@ -1,5 +1,5 @@
-"""The relay against real sources and scripted faults on 127.0.0.1: what comes out, how each run
-ends (status, messages, timing), and what slow, stopped and vanished clients get."""
+# The relay against real sources and scripted faults on 127.0.0.1: what comes out, how each run
+# ends (status, messages, timing), and what slow, stopped and vanished clients get.
 
 import fcntl
 import os
@@ -34,8 +34,8 @@ def scripted(mode):
     return peer, peer.server_address[1]
 
 
+# Up to n bytes; b'' when nothing came in time, None at end of file.
 def read_some(fd, n, timeout=0.05):
-    """Up to n bytes; b'' when nothing came in time, None at end of file."""
     if not select.select([fd], [], [], timeout)[0]:
         return b''
     try:
@@ -163,9 +163,9 @@ class Relay(harness.RelayChecks):
             run = s.finish(2, signal.SIGINT)
             self.assertEqual(run.status, -signal.SIGABRT, run.describe())
 
+    # Every failing way to end, side by side: the 30-s watchdog, during set-up and during the
+    # relay, runs once.
     def test_how_runs_end(self):
-        """Every failing way to end, side by side: the 30-s watchdog, during set-up and during the
-        relay, runs once."""
         servers = {mode: scripted(mode) for mode in ('garbage', 'silent', 'megabyte')}
         for peer, _ in servers.values():
             self.addCleanup(peer.shutdown)

@@ -1,5 +1,5 @@
-"""RTSP against GStreamer's RTSP server on port 554 of a random 127.x.y.z (a redirect's Location
-needs a URL without a port): H.264 over RTP is relayed, MPEG-TS over RTP gets the 302 answer."""
+# RTSP against GStreamer's RTSP server on port 554 of a random 127.x.y.z (a redirect's Location
+# needs a URL without a port): H.264 over RTP is relayed, MPEG-TS over RTP gets the 302 answer.
 
 import os
 import signal

@@ -70,13 +70,4 @@ TEST(StreamChoice, Audio) {
                         stream(AVMEDIA_TYPE_SUBTITLE, AV_CODEC_ID_WEBVTT)}), 3);
 }
 
-TEST(AnnexBFilter, Decision) {
-  const uint8_t avcc[] = {1, 0x64, 0, 0x1f}, start3[] = {0, 0, 1, 0x67}, start4[] = {0, 0, 0, 1};
-  EXPECT_TRUE(needs_annexb_filter(true, true, avcc, 4, false));
-  EXPECT_TRUE(needs_annexb_filter(true, true, start3, 4, false));
-  EXPECT_FALSE(needs_annexb_filter(true, true, start4, 4, false));
-  EXPECT_FALSE(needs_annexb_filter(true, true, avcc, 3, false));
-  EXPECT_FALSE(needs_annexb_filter(true, true, avcc, 4, true));
-}
-
 }  // namespace
