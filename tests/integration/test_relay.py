@@ -54,10 +54,27 @@ class Relay(harness.RelayChecks):
     @classmethod
     def setUpClass(cls):
         cls.http = peers.HttpPeer(harness.MEDIA, tls=True).__enter__()
+        cls.servers = {mode: scripted(mode) for mode in ('garbage', 'silent', 'megabyte')}
+        cls.stalled = peers.ListenerPeer(harness.media_path('mpeg2_mp2.ts'), 'tcp').__enter__()
+        silent = cls.servers['silent'][1]
+        cls.stalled_runs = {case: harness.Started(['--url', url], tag='watchdog%d' % n) for n, (case, url) in enumerate([
+            ('source stalls mid-relay', cls.stalled.url), ('HTTP source never answers', 'http://127.0.0.1:%d/x' % silent),
+            ('RTSP server never answers', 'rtsp://127.0.0.1:%d/x' % silent)])}
+        cls.ended = {}  # case -> seconds from its start to its end
+        for case, s in cls.stalled_runs.items():
+            threading.Thread(target=lambda c=case, p=s.proc: p.wait(90) is not None and cls.ended.setdefault(
+                c, time.monotonic() - p.started), daemon=True).start()
+        relay = cls.stalled_runs['source stalls mid-relay']
+        assert relay.output_reaches(50000, 20), relay.stderr()
+        cls.stalled.stall()
 
     @classmethod
     def tearDownClass(cls):
         cls.http.__exit__()
+        cls.stalled.__exit__()
+        for peer, _ in cls.servers.values():
+            peer.shutdown()
+        harness.stop_all()
 
     def url(self, name):
         return self.http.url(os.path.basename(harness.media_path(name)))
@@ -165,51 +182,42 @@ class Relay(harness.RelayChecks):
 
     # Every failing way to end, side by side: the 30-s watchdog, during set-up and during the
     # relay, runs once.
+    def check_end(self, case, s, status, least, most, tail, elapsed=None):
+        s.proc.wait(max(0, most - (time.monotonic() - s.proc.started)))
+        run = s.finish(0)
+        run.elapsed = elapsed or time.monotonic() - s.proc.started
+        self.assertEqual(run.status, status, case + '\n' + run.describe())
+        self.assertTrue('mid-relay' in case or run.stdout == b'', case + '\n' + run.describe())
+        self.assertTrue(least <= run.elapsed < most, case + '\n' + run.describe())
+        self.assertRegex(run.stderr, tail, case + '\n' + run.describe())
+
     def test_how_runs_end(self):
-        servers = {mode: scripted(mode) for mode in ('garbage', 'silent', 'megabyte')}
-        for peer, _ in servers.values():
-            self.addCleanup(peer.shutdown)
-        port = lambda mode: servers[mode][1]  # noqa: E731
-        stalled = peers.ListenerPeer(harness.media_path('mpeg2_mp2.ts'), 'tcp').__enter__()
-        self.addCleanup(stalled.__exit__)
-        relay = self.start(['--url', stalled.url], tag='watchdog')
-        self.assertTrue(relay.output_reaches(50000, 20), relay.stderr())
-        stalled.stall()
+        port = lambda mode: self.servers[mode][1]  # noqa: E731
         refused = 'tcp://127.0.0.1:%d' % harness.free_port()
-        # (case, arguments, status, least and most seconds, the end of stderr (text or pattern))
+        # (case, arguments, status, least and most seconds, the end of stderr)
         cases = [
-            ('unknown switch', ['--bogus'], 1, 0, 2, USAGE_HEAD),
-            ('refused connection', ['--url', refused], 1, 3, 8,
-             "Failed to open input stream '%s'. Err=0xffffff91 str=Connection refused\n" % refused),
+            ('unknown switch', ['--bogus'], 1, 0, 2, re.escape(USAGE_HEAD) + r'(.|\n)*Unknown switch bogus\n\Z'),
+            ('refused connection', ['--url', refused], 1, 3, 8, re.escape(
+                "Failed to open input stream '%s'. Err=0xffffff91 str=Connection refused\n" % refused) + r'\Z'),
             ('source sends garbage', ['--url', 'tcp://127.0.0.1:%d' % port('garbage')], 1, 3, 30, OPEN_FAILURE),
             ('RTSP server answers garbage', ['--url', 'rtsp://127.0.0.1:%d/x' % port('garbage')], 1, 3, 30,
              OPEN_FAILURE),
             ('RTSP answer with a megabyte-long line', ['--url', 'rtsp://127.0.0.1:%d/x' % port('megabyte')], 1, 3, 30,
-             OPEN_FAILURE),
-            ('HTTP source never answers', ['--url', 'http://127.0.0.1:%d/x' % port('silent')], -signal.SIGALRM,
-             28.5, 40, ''),
-            ('RTSP server never answers', ['--url', 'rtsp://127.0.0.1:%d/x' % port('silent')], -signal.SIGALRM,
-             28.5, 40, ''),
+             'RTSP must provide DESCRIBE, SETUP, PLAY, TEARDOWN\n(.|\n)*' + OPEN_FAILURE.pattern),
         ]
         started = [self.start(args, tag='end%d' % n) for n, (_, args, *_) in enumerate(cases)]
-        for (case, args, status, least, most, tail), s in zip(cases, started):
+        for (case, _, status, least, most, tail), s in zip(cases, started):
             with self.subTest(case=case):
-                s.proc.wait(most)
-                run = s.finish(0)
-                run.elapsed = time.monotonic() - s.proc.started
-                self.assertEqual((run.status, run.stdout), (status, b''), run.describe())
-                self.assertTrue(least <= run.elapsed < most, run.describe())
-                if hasattr(tail, 'search'):
-                    self.assertRegex(run.stderr, tail, run.describe())
-                elif case == 'unknown switch':
-                    self.assertTrue(run.stderr.startswith(tail) and run.stderr.endswith('Unknown switch bogus\n'))
-                else:
-                    self.assertTrue(run.stderr.endswith(tail), run.describe())
-        self.assertIn('RTSP must provide DESCRIBE, SETUP, PLAY, TEARDOWN\n', started[4].stderr())
-        self.assertEqual(started[6].stderr(), '', 'the probe is still waiting for its first answer')
-        run = relay.finish(40)
-        self.assertEqual(run.status, -signal.SIGALRM, run.describe())
-        self.assertNotIn('end of stream', run.stderr)
+                self.check_end(case, s, status, least, most, tail)
+
+    # Runs last (by name), so that its 30-s waits, started with the class, overlap the other tests.
+    def test_watchdog_ends_runs_that_make_no_progress(self):
+        for case, s in self.stalled_runs.items():
+            with self.subTest(case=case):
+                s.proc.wait(45)
+                self.check_end(case, s, -signal.SIGALRM, 28.5, 40, r'\A\Z' if 'RTSP' in case else '(?s).*',
+                               self.ended.get(case))
+        self.assertNotIn('end of stream', self.stalled_runs['source stalls mid-relay'].stderr())
 
 
 if __name__ == '__main__':
