@@ -8,7 +8,7 @@ FF7_PREFIX ?= $(HOME)/.cache/ff7/static
 JOBS ?= $(shell nproc)
 # Seconds per fuzz target: `make fuzz`, and the short pass of `make test`.
 FUZZ_SECONDS ?= 180
-FUZZ_TEST_SECONDS ?= 20
+FUZZ_TEST_SECONDS ?= 10
 
 .PHONY: all build static build-asan build-fuzz deps ffmpeg7 test fuzz demo bench clean
 

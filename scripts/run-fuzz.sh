@@ -15,7 +15,9 @@ dir=$(cd "${1:-$repo/build/fuzz}" && pwd)
 seconds=${FUZZ_SECONDS:-180}
 jobs=${FUZZ_JOBS:-2}
 
-mapfile -t targets < <(find "$dir" -maxdepth 1 -type f -name 'fuzz_*' -perm -u+x -printf '%f\n' | sort)
+# Only targets whose source is still in fuzz/targets/ (a removed one may linger in the build).
+mapfile -t targets < <(find "$dir" -maxdepth 1 -type f -name 'fuzz_*' -perm -u+x -printf '%f\n' | sort |
+  while read -r t; do [ -f "$repo/fuzz/targets/${t#fuzz_}.cpp" ] && echo "$t"; done)
 if [ ${#targets[@]} -eq 0 ]; then
   echo "fuzz: no fuzz_* targets in $dir (build it first: make build-fuzz)"
   exit 1

@@ -20,21 +20,10 @@ constexpr uint64_t key_limit = uint64_t(1) << 62;
 constexpr size_t max_pairs_per_cue = 1 << 14;
 constexpr size_t max_words_per_cue = 1 << 16;
 
-int64_t cue_time(FuzzedDataProvider& in) {
-  switch (in.ConsumeIntegralInRange<int>(0, 7)) {
-    case 0:
-      return in.ConsumeIntegral<int64_t>();  // anything, the extremes included
-    case 1:
-      return INT64_MIN;  // a packet without pts
-    case 2:
-      return -in.ConsumeIntegralInRange<int64_t>(0, 100000);
-    default:
-      return in.ConsumeIntegralInRange<int64_t>(0, 4000000);
-  }
-}
-
-molvar_rational<long> rational(FuzzedDataProvider& in) {
-  return {in.ConsumeIntegral<long>(), in.ConsumeIntegral<long>()};
+// Mostly in order, as a live source sends them; sometimes anywhere, the extremes included.
+int64_t cue_time(FuzzedDataProvider& in, int64_t last) {
+  if (in.ConsumeBool()) return in.ConsumeIntegral<int64_t>();
+  return static_cast<int64_t>(static_cast<uint64_t>(last) + static_cast<uint64_t>(in.ConsumeIntegralInRange<int64_t>(-2000, 20000)));
 }
 
 }  // namespace
@@ -49,37 +38,24 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   WebVTTConvContext_v1 ctx608 = webvtt_conv_context_start();
   WebVTTConvContext_v1 ctx708 = webvtt_conv_context_start();
   const bool relay_arguments = in.ConsumeIntegralInRange<int>(0, 7) != 0;
-  molvar_rational<long> unit{1000, 1};
-  molvar_rational<long> rate{30000, 1001};
+  molvar_rational<long> unit{1000, 1}, rate{30000, 1001};
   unsigned channel = 1;
   bool roll_up = false;
   if (!relay_arguments) {
-    unit = rational(in);
-    rate = rational(in);
+    unit = {in.ConsumeIntegral<long>(), in.ConsumeIntegral<long>()};
+    rate = {in.ConsumeIntegral<long>(), in.ConsumeIntegral<long>()};
     channel = in.ConsumeIntegralInRange<unsigned>(0, 8);
     roll_up = in.ConsumeBool();
   }
-
-  const int cues = in.ConsumeIntegralInRange<int>(1, 8);
-  int64_t last_start = 0;
-  for (int i = 0; i < cues && in.remaining_bytes() > 0; ++i) {
+  int64_t start = 0;
+  for (int i = in.ConsumeIntegralInRange<int>(1, 8); i > 0 && in.remaining_bytes() > 0; --i) {
     WebVTTFileEvent_v1 cue;
-    // Mostly in order, as a live source sends them; sometimes anywhere.
-    const int64_t start =
-        in.ConsumeBool()
-            ? cue_time(in)
-            : static_cast<int64_t>(static_cast<uint64_t>(last_start) +
-                                   static_cast<uint64_t>(in.ConsumeIntegralInRange<int64_t>(-2000, 20000)));
-    last_start = start;
+    start = cue_time(in, start);
     cue.start = std::chrono::milliseconds(start);
-    const int64_t length =
-        in.ConsumeBool() ? in.ConsumeIntegral<int64_t>() : in.ConsumeIntegralInRange<int64_t>(0, 10000);
-    cue.end = std::chrono::milliseconds(
-        static_cast<int64_t>(static_cast<uint64_t>(start) + static_cast<uint64_t>(length)));
+    cue.end = std::chrono::milliseconds(cue_time(in, start));
     cue.identifier = in.ConsumeRandomLengthString(64);
     CueSettingsStringToVTTFileEvent(cue, in.ConsumeRandomLengthString(128));
     cue.text = in.ConsumeRandomLengthString(4096);
-
     const WebVTTFile_v1 file;
     vtt_cue_map one_cue;
     one_cue.emplace(cue.start, cue);

@@ -1,13 +1,9 @@
 #!/usr/bin/python3
-"""GStreamer RTSP server on 127.0.0.1 for the RTSP probe's tests (Debian's python3-gi with
-gir1.2-gst-rtsp-server-1.0): usage rtsp_gst_peer.py PORT [PORT...], the same mounts on each port,
-each a live test picture with a fresh pipeline per client (so its first frame is a key frame):
-  /h264      H.264 as RTP payload type 96
-  /ts-sessc  H.264 in MPEG-TS as payload type 33, its description rewritten to carry a session-level
-             c=IN IP4 127.0.0.1, no media-level c= and port 5000: a server that asks for the unicast
-             redirect (GStreamer never writes a session c= itself)
-Prints "ready" once every port listens, then "SETUP <url> <Transport header>" per SETUP request.
-"""
+# GStreamer's RTSP server: rtsp_gst_peer.py ADDRESS PORT. A live test picture per client:
+#   /h264      H.264 as RTP payload type 96
+#   /ts-sessc  H.264 in MPEG-TS as payload type 33, the description rewritten to a session-level
+#              c=IN IP4 ADDRESS, no media-level c= and port 5000: a server that asks for the redirect
+# Prints "ready" once it listens, then "SETUP <url> <Transport>" per SETUP request.
 
 import sys
 
@@ -31,12 +27,10 @@ LAUNCH = {
 
 
 class SessionConnectionMedia(GstRtspServer.RTSPMedia):
-    """Rewrites the description: session-level c= line, no media-level c=, port 5000."""
-
     def do_setup_sdp(self, sdp, info):
         ok = GstRtspServer.RTSPMedia.do_setup_sdp(self, sdp, info)
         if ok:
-            sdp.set_connection('IN', 'IP4', '127.0.0.1', 1, 1)
+            sdp.set_connection('IN', 'IP4', sys.argv[1], 1, 1)
             for i in range(sdp.medias_len()):
                 m = sdp.get_media(i)
                 while m.connections_len() > 0:
@@ -55,9 +49,9 @@ def on_client(server, client):
     client.connect('pre-setup-request', lambda c, ctx: on_setup(c, ctx) or GstRtsp.RTSPStatusCode.OK)
 
 
-def serve(port):
+def serve(address, port):
     server = GstRtspServer.RTSPServer()
-    server.set_address('127.0.0.1')
+    server.set_address(address)
     server.set_service(str(port))
     mounts = server.get_mount_points()
     for path, launch in LAUNCH.items():
@@ -69,12 +63,12 @@ def serve(port):
         mounts.add_factory(path, f)
     server.connect('client-connected', on_client)
     if server.attach(None) == 0:
-        sys.exit('cannot listen on 127.0.0.1:%s' % port)
+        sys.exit('cannot listen on %s:%s' % (address, port))
     return server
 
 
 def main():
-    servers = [serve(int(p)) for p in sys.argv[1:]]  # noqa: F841 (kept alive for the loop)
+    server = serve(sys.argv[1], int(sys.argv[2]))  # noqa: F841 (kept alive for the loop)
     print('ready', flush=True)
     GLib.MainLoop().run()
 
