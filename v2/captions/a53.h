@@ -57,6 +57,7 @@ std::vector<uint8_t> h264_with_captions(const uint8_t* au, size_t n, const std::
 
 // MPEG-2 video: the picture with one user_data (00 00 01 B2, then
 // a53_user_data) placed after its picture header and picture coding
-// extension, before the first slice. Unchanged when `t` is empty or no
-// picture header is found.
+// extension, before the first slice. Unchanged when `t` is empty, no
+// picture header is found or no slice follows it. Header bytes are written
+// with their marker bits 11111 set, so the user data never holds 00 00 01.
 std::vector<uint8_t> mpeg2_with_captions(const uint8_t* pic, size_t n, const std::vector<cc_triplet>& t);
