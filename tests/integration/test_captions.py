@@ -229,11 +229,11 @@ class Captions(harness.RelayChecks):
         self.assertEqual(caption_packets(audio.stdout), [], audio.describe())
 
     def test_dump_tool_arguments(self):
-        for args in (['--json'], ['--srt', '--srt'], ['x']):
+        for args in (['--json'], ['--srt', '--srt'], ['--srt', '--a53'], ['x']):
             status, out, err = run_cc(b'', *args)
             self.assertEqual((status, out), (1, ''), args)
             self.assertIn("pelvane-cc: unexpected argument '%s'\n" % args[-1], err)
-            self.assertIn('usage: pelvane-cc [--srt] < stream.ts\n', err)
+            self.assertIn('usage: pelvane-cc [--srt | --a53] < stream.ts\n', err)
         self.assertEqual(run_cc(b''), (0, '', ''))
 
 

@@ -53,6 +53,7 @@ volatile sig_atomic_t stop_asked = 0;
 ts_splitter input_splitter;
 caption_stream_reader input_reader;
 bool input_ended = false;
+uint64_t input_bytes = 0;
 
 // The caption queue and what it knows of the video.
 a53_queue captions;
@@ -116,6 +117,7 @@ void queue_event(const caption_event_record& ev) {
 void take_caption_bytes(const unsigned char* data, size_t n) {
   if (input_ended) return;
   input_ended = n == 0;
+  input_bytes += n;
   std::vector<ts_packet> packets;
   caption_read_output found;
   ts_split(input_splitter, data, n, input_ended, packets, found.problems);
@@ -175,16 +177,13 @@ bool open_input(remux& r) {
   if (!r.in->pb) return false;
   r.in->interrupt_callback.callback = interrupt_check;
   int e = avformat_open_input(&r.in, nullptr, av_find_input_format("mpegts"), nullptr);
-  if (e < 0) {
-    report_ff_failure("pelvane-cc: standard input is not a transport stream. ", e);
-    return false;
-  }
-  e = avformat_find_stream_info(r.in, nullptr);
-  if (e < 0) {
-    report_ff_failure("pelvane-cc: failed to find the streams of standard input. ", e);
-    return false;
-  }
-  return true;
+  if (e >= 0) e = avformat_find_stream_info(r.in, nullptr);
+  if (e >= 0) return true;
+  if (input_bytes == 0)
+    fputs("pelvane-cc: standard input is empty; there is no stream to copy\n", stderr);
+  else
+    report_ff_failure("pelvane-cc: found no audio or video in standard input. ", e);
+  return false;
 }
 
 carrier carrier_of(AVCodecID id) {
