@@ -7,9 +7,7 @@ namespace {
 
 const bytes sei_with_03 = hex_bytes("00 00 00 01 06 04 11 B5 00 31 \"GA94\" 03 C2 FF FA 00 00 03 01 00 00 FF 80");
 
-TEST(A53, CcDataAndH264Placement) {
-  EXPECT_EQ(a53_user_data({{0xFC, 0x94, 0x20}, {0xFF, 0x14, 0x3F}}),
-            hex_bytes("\"GA94\" 03 C2 FF FC 94 20 FF 14 3F FF"));
+TEST(A53, H264SeiBeforeFirstSlice) {
   const std::vector<cc_triplet> t = {{0xFA, 0x00, 0x00}, {0x01, 0x00, 0x00}};  // 00 00 01 inside: escaped
   const struct {
     const char* name;
@@ -27,7 +25,6 @@ TEST(A53, CcDataAndH264Placement) {
     bytes want = in;
     if (c.at != SIZE_MAX) want.insert(want.begin() + c.at, sei_with_03.begin(), sei_with_03.end());
     EXPECT_EQ(h264_with_captions(in.data(), in.size(), t), want);
-    EXPECT_EQ(h264_with_captions(in.data(), in.size(), {}), in);
   }
 }
 
@@ -37,19 +34,17 @@ TEST(A53, Mpeg2UserDataAfterPictureExtensions) {
   const bytes ud = hex_bytes("00 00 01 B2 \"GA94\" 03 C1 FF FC 00 00 FF");  // header 04 gets its marker bits
   want.insert(want.begin() + 20, ud.begin(), ud.end());
   EXPECT_EQ(mpeg2_with_captions(in.data(), in.size(), {{0x04, 0x00, 0x00}}), want);
-  const bytes no_picture(in.begin(), in.begin() + 11);
-  EXPECT_EQ(mpeg2_with_captions(no_picture.data(), no_picture.size(), {{0xFC, 0x80, 0x80}}), no_picture);
 }
 
 TEST(A53, TakesDueTripletsForEachPicture) {
-  struct call {
+  struct call {  // one picture: its pts, the pending pictures, data1 of the triplets it takes
     int64_t pts;
     std::vector<int64_t> pending;
-    bytes taken;  // data1 of each triplet
+    bytes taken;
   };
   const struct {
     const char* name;
-    std::vector<std::pair<int64_t, cc_triplet>> queued;  // in arrival order
+    std::vector<std::pair<int64_t, cc_triplet>> queued;  // due, triplet; in arrival order
     std::vector<call> calls;
   } cases[] = {
       {"never early", {{100, {0xFC, 1}}}, {{99, {}, {}}, {100, {}, {1}}}},
@@ -80,12 +75,11 @@ TEST(A53, QueueTimesCapAndBound) {
   a53_queue q;
   a53_queue_event(q, ev, 1000);
   const std::vector<cc_triplet> t = a53_take_for_picture(q, 1180, {});
-  ASSERT_EQ(t.size(), 2u);
   EXPECT_EQ(a53_user_data(t), hex_bytes("\"GA94\" 03 C2 FF FC 94 20 FF 14 3F FF"));
 
   ev.cc708.clear();
-  ev.cc608.assign(a53_queue_limit + 40, {0, 0x80, 0x80});
-  for (size_t i = 0; i < ev.cc608.size(); ++i) ev.cc608[i].time_ms = static_cast<int64_t>(i);
+  ev.cc608.clear();
+  for (int64_t i = 0; i < int64_t(a53_queue_limit) + 40; ++i) ev.cc608.push_back({i, 0x80, 0x80});
   a53_queue_event(q, ev, 0);
   EXPECT_EQ(q.dropped, 40u);
   EXPECT_EQ(q.waiting.begin()->first, 40 * 90);
