@@ -31,15 +31,24 @@ std::vector<uint8_t> spliced(const uint8_t* p, size_t n, size_t at, const std::v
   return out;
 }
 
+// time_ms * 90 + offset_90k; a time too far out for 64 bits (only damaged
+// events carry one) saturates, so such a triplet is due at once or never.
+int64_t due_90k(int64_t time_ms, int64_t offset_90k) {
+  int64_t due = 0;
+  if (__builtin_mul_overflow(time_ms, 90, &due) || __builtin_add_overflow(due, offset_90k, &due))
+    return time_ms < 0 ? INT64_MIN : INT64_MAX;
+  return due;
+}
+
 bool is_608(const cc_triplet& t) { return (t.header & 0x02) == 0; }  // cc_type 0 or 1
 
 }  // namespace
 
 void a53_queue_event(a53_queue& q, const caption_event_record& ev, int64_t offset_90k) {
   for (const caption_pair_at& p : ev.cc608)
-    q.waiting.emplace(p.time_ms * 90 + offset_90k, cc_triplet{0xFC, p.b0, p.b1});
+    q.waiting.emplace(due_90k(p.time_ms, offset_90k), cc_triplet{0xFC, p.b0, p.b1});
   for (const caption_word_at& w : ev.cc708)
-    q.waiting.emplace(w.time_ms * 90 + offset_90k,
+    q.waiting.emplace(due_90k(w.time_ms, offset_90k),
                       cc_triplet{w.type, static_cast<uint8_t>(w.value >> 8), static_cast<uint8_t>(w.value)});
   while (q.waiting.size() > a53_queue_limit) {
     q.waiting.erase(q.waiting.begin());
