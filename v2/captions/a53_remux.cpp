@@ -63,6 +63,7 @@ int64_t video_pts_read = 0;   // latest video pts read
 bool video_written = false;
 int64_t video_pts_written = 0;  // latest video pts written
 bool drop_reported = false;
+size_t late_events = 0;  // events whose every entry was due before the video written
 
 // The copy.
 struct remux {
@@ -103,8 +104,9 @@ void queue_event(const caption_event_record& ev) {
   }
   const int64_t offset = a53_clock_offset(ev.start, video_read, video_pts_read);
   if (video_written && last_entry_ms(ev) * 90 + offset < video_pts_written) {
-    fprintf(stderr, "pelvane-cc: caption event at %lld ms came after its video; dropped\n",
-            static_cast<long long>(ev.start));
+    if (late_events++ == 0)
+      fprintf(stderr, "pelvane-cc: caption event at %lld ms came after its video; dropped (later ones are counted)\n",
+              static_cast<long long>(ev.start));
     return;
   }
   a53_queue_event(captions, ev, offset);
@@ -358,6 +360,7 @@ int a53_remux_run() {
   ok = ok && open_output(r);
   const bool copied = ok && copy_packets(r);
   if (ok && av_write_trailer(r.out) < 0) ok = false;
+  if (late_events > 0) fprintf(stderr, "pelvane-cc: %zu caption events came after their video\n", late_events);
   if (captions.dropped > 0)
     fprintf(stderr, "pelvane-cc: %zu caption triplets dropped in all\n", captions.dropped);
   fflush(stderr);
