@@ -211,7 +211,7 @@ void choose_streams(remux& r) {
   if (r.video < 0)
     fputs("pelvane-cc: the stream has no video, so captions cannot be carried; copying it without them\n", stderr);
   else
-    fprintf(stderr, "pelvane-cc: captions cannot be carried in %s video; copying the stream without them\n",
+    fprintf(stderr, "pelvane-cc: captions cannot be carried in this video (%s); copying the stream without them\n",
             avcodec_get_name(r.in->streams[r.video]->codecpar->codec_id));
   captions_carried = false;
   captions.waiting.clear();
