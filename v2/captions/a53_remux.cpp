@@ -64,6 +64,7 @@ bool video_written = false;
 int64_t video_pts_written = 0;  // latest video pts written
 bool drop_reported = false;
 size_t late_events = 0;  // events whose every entry was due before the video written
+size_t refused_packets = 0;  // packets the muxer refused (stamps out of order in a damaged input)
 
 // The copy.
 struct remux {
@@ -243,8 +244,10 @@ bool write_packet(remux& r, AVPacket* p) {
   p->stream_index = r.out_index[in_index];
   av_packet_rescale_ts(p, r.in->streams[in_index]->time_base, r.out->streams[p->stream_index]->time_base);
   const int e = av_interleaved_write_frame(r.out, p);
-  if (e < 0 && !stop_asked) report_ff_failure("pelvane-cc: failed to write a packet. ", e);
-  return e >= 0;
+  if (e >= 0 || stop_asked) return e >= 0;
+  // A damaged input is no reason to stop: the packet is left out.
+  if (refused_packets++ == 0) report_ff_failure("pelvane-cc: a packet was left out (later ones are counted). ", e);
+  return true;
 }
 
 // Replaces the packet's data with the picture carrying `t`. A packet without
@@ -352,7 +355,7 @@ int64_t a53_clock_offset(int64_t time_ms, bool have_video, int64_t video_pts) {
 
 int a53_remux_run() {
   install_stop_handler();
-  av_log_set_level(AV_LOG_ERROR);
+  av_log_set_level(AV_LOG_FATAL);  // problems are reported here, once each
   remux r;
   r.pkt = av_packet_alloc();
   bool ok = r.pkt && open_input(r);
@@ -360,6 +363,7 @@ int a53_remux_run() {
   ok = ok && open_output(r);
   const bool copied = ok && copy_packets(r);
   if (ok && av_write_trailer(r.out) < 0) ok = false;
+  if (refused_packets > 0) fprintf(stderr, "pelvane-cc: %zu packets left out in all\n", refused_packets);
   if (late_events > 0) fprintf(stderr, "pelvane-cc: %zu caption events came after their video\n", late_events);
   if (captions.dropped > 0)
     fprintf(stderr, "pelvane-cc: %zu caption triplets dropped in all\n", captions.dropped);
