@@ -118,5 +118,15 @@ else
   echo "(skipped: needs root and a free 127.0.0.1:554)"
 fi
 
+section "Captions inside the video: pelvane | pelvane-cc --a53, read back by the ffmpeg tool"
+url=$(head -n1 "$demo/captions.url")
+echo "\$ pelvane --url $url | pelvane-cc --a53 > captions-a53.ts"
+"$bin" --url "$url" 2>"$demo/captions-a53.err" | "$cc_bin" --a53 >"$demo/captions-a53.ts" 2>>"$demo/captions-a53.err"
+echo "-- the video's own A/53 captions, decoded by the ffmpeg tool (times from the first picture):"
+echo "\$ ffmpeg -f lavfi -i 'movie=captions-a53.ts[out0+subcc]' -map 0:s -f srt -"
+ffmpeg -nostdin -v error -f lavfi -i "movie=$demo/captions-a53.ts[out0+subcc]" -map 0:s -f srt - |
+  sed -e 's/<[^>]*>//g' -e 's/{\\[^}]*}//g' -e 's/\\h/ /g' -e 's/^/   | /'
+show_output "$demo/captions-a53.ts" 0
+
 echo
 echo "Outputs are in $demo"

@@ -1,7 +1,8 @@
 // pelvane-cc: reads an MPEG transport stream written by pelvane on standard
 // input and prints its caption events: one JSON object per line, or with
-// --srt the CEA-608 captions decoded back into SRT. Problems found in the
-// stream go to standard error; reading goes on.
+// --srt the CEA-608 captions decoded back into SRT; with --a53 it writes the
+// stream again with the captions inside the video (a53_remux.h). Problems
+// found in the stream go to standard error; reading goes on.
 #include <unistd.h>
 
 #include <cerrno>
@@ -11,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "v2/captions/a53_remux.h"
 #include "v2/captions/caption_event_json.h"
 #include "v2/captions/caption_event_reader.h"
 #include "v2/captions/cc608_decoder.h"
@@ -18,15 +20,20 @@
 namespace {
 
 const char usage_text[] =
-    "usage: pelvane-cc [--srt] < stream.ts\n"
+    "usage: pelvane-cc [--srt | --a53] < stream.ts\n"
     "  Prints the caption events (PID 0x1FFE, \"MOLVAR:VTT\") of a transport stream\n"
     "  read on standard input, one JSON object per line.\n"
-    "  --srt  decode the CEA-608 captions (CC1) instead and print them as SRT\n";
+    "  --srt  decode the CEA-608 captions (CC1) instead and print them as SRT\n"
+    "  --a53  write the stream again with the captions inside the video as A/53 cc_data\n";
 
 // Turns the CEA-608 pairs of successive events into SRT. Events overlap in
 // time (an event's pairs load before the previous caption's erase), so pairs
 // wait here and are decoded in time order: the pairs earlier than the first
-// pair of a new event are complete.
+// pair of a new event are complete. The wait is bounded: past
+// srt_waiting_max pairs, or srt_lag_max_ms behind the newest pair, the oldest
+// are decoded anyway (a pair arriving later than that is decoded late).
+constexpr size_t srt_waiting_max = 4096;
+constexpr int64_t srt_lag_max_ms = 60000;
 struct srt_writer {
   cc608_decoder decoder;
   std::multimap<int64_t, std::pair<uint8_t, uint8_t>> waiting;
@@ -49,6 +56,10 @@ void srt_take_event(srt_writer& s, const caption_event_record& ev) {
   if (ev.cc608.empty()) return;
   decode_before(s, &ev.cc608.front().time_ms);
   for (const caption_pair_at& p : ev.cc608) s.waiting.emplace(p.time_ms, std::make_pair(p.b0, p.b1));
+  while (s.waiting.size() > srt_waiting_max || s.waiting.rbegin()->first - s.waiting.begin()->first > srt_lag_max_ms) {
+    const int64_t after_oldest = s.waiting.begin()->first + 1;
+    decode_before(s, &after_oldest);
+  }
 }
 
 void report_problems(const std::vector<std::string>& problems) {
@@ -67,12 +78,13 @@ void print_events(const caption_read_output& found, bool srt, srt_writer& s) {
 }
 
 // 0: run; 1: bad arguments; 2: help asked for.
-int parse_arguments(int argc, char** argv, bool& srt) {
-  srt = false;
+int parse_arguments(int argc, char** argv, bool& srt, bool& a53) {
+  srt = a53 = false;
   for (int i = 1; i < argc; ++i) {
     if (strcmp(argv[i], "--help") == 0 || strcmp(argv[i], "-h") == 0) return 2;
-    if (strcmp(argv[i], "--srt") == 0 && !srt) {
-      srt = true;
+    bool& mode = strcmp(argv[i], "--srt") == 0 ? srt : a53;
+    if ((strcmp(argv[i], "--srt") == 0 || strcmp(argv[i], "--a53") == 0) && !srt && !a53) {
+      mode = true;
       continue;
     }
     fprintf(stderr, "pelvane-cc: unexpected argument '%s'\n", argv[i]);
@@ -85,11 +97,13 @@ int parse_arguments(int argc, char** argv, bool& srt) {
 
 int main(int argc, char** argv) {
   bool srt = false;
-  const int args = parse_arguments(argc, argv, srt);
+  bool a53 = false;
+  const int args = parse_arguments(argc, argv, srt, a53);
   if (args != 0) {
     fputs(usage_text, stderr);
     return args == 2 ? 0 : 1;
   }
+  if (a53) return a53_remux_run();
 
   ts_splitter splitter;
   caption_stream_reader reader;
