@@ -2,7 +2,7 @@
 // entities, and the plain-letter fallbacks shared by both caption sets.
 #include <cstring>
 
-#include "tolm_utils/cea_internal.h"
+#include "tolm_utils/caption_text.h"
 
 namespace tolm_cc {
 

@@ -2,7 +2,7 @@
 // one caption and its place on the frame grid.
 #include <algorithm>
 
-#include "tolm_utils/cea_internal.h"
+#include "tolm_utils/cea608.h"
 
 namespace tolm_cc {
 

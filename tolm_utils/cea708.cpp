@@ -2,7 +2,7 @@
 // commands, service blocks and packets, and their place on the frame grid.
 #include <algorithm>
 
-#include "tolm_utils/cea_internal.h"
+#include "tolm_utils/cea708.h"
 
 namespace tolm_cc {
 

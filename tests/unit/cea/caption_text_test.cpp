@@ -2,7 +2,8 @@
 #include <gtest/gtest.h>
 
 #include "tests/unit/cea/cea_test_util.h"
-#include "tolm_utils/cea_internal.h"
+#include "tolm_utils/caption_layout.h"
+#include "tolm_utils/caption_text.h"
 
 using namespace tolm_cc;
 

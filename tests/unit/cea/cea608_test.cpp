@@ -5,7 +5,7 @@
 #include <cstdio>
 
 #include "tests/unit/cea/cea_test_util.h"
-#include "tolm_utils/cea_internal.h"
+#include "tolm_utils/cea608.h"
 #include "v2/captions/cc608_decoder.h"
 
 using namespace tolm_cc;

@@ -5,7 +5,7 @@
 #include <cstdio>
 
 #include "tests/unit/cea/cea_test_util.h"
-#include "tolm_utils/cea_internal.h"
+#include "tolm_utils/cea708.h"
 
 using namespace tolm_cc;
 using namespace cea_test;

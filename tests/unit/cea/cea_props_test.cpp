@@ -9,10 +9,8 @@
 #include <random>
 
 #include "tests/unit/cea/cea_test_util.h"
-#include "tolm_utils/cea_internal.h"
 #include "v2/captions/cc608_decoder.h"
 
-using namespace tolm_cc;
 using namespace cea_test;
 
 namespace {
