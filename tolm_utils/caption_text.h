@@ -43,8 +43,8 @@ struct cue_text_reader {
 };
 
 cue_text_reader make_cue_text_reader(std::string_view text, bool voice_prefix);
-// The next item, or 0 at the end of the text.
-int next_text_item(cue_text_reader& r, text_item& item);
+// Reads the next item; false at the end of the text.
+bool next_text_item(cue_text_reader& r, text_item& item);
 
 // Base letter of a Latin letter with diacritics (U+00C0..U+017F), from its
 // canonical decomposition; 0 when it has none.

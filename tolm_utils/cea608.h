@@ -54,8 +54,8 @@ schedule_608_result schedule_608(const std::vector<load_unit>& load, int64_t s, 
                                  bool pending, int64_t c, int64_t nf);
 
 // Converts one cue into out (keys on the grid) and updates the context.
-// Returns 1 when the cue produced data, 0 when it was skipped or dropped.
-int convert_cue_608(cc608_map& out, const WebVTTFileEvent_v1& cue, const frame_grid& g,
-                    const caption_options& opt, WebVTTConvContext_v1& ctx);
+// True when the cue produced data, false when it was skipped or dropped.
+bool convert_cue_608(cc608_map& out, const WebVTTFileEvent_v1& cue, const frame_grid& g,
+                     const caption_options& opt, WebVTTConvContext_v1& ctx);
 
 }  // namespace tolm_cc

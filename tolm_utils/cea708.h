@@ -66,7 +66,9 @@ schedule_708_result schedule_708(const std::vector<int>& load_triplets, int64_t 
 // the frame rate (about 300 triplets a second), 1..15.
 int dtvcc_cap_for_rate(molvar_rational<long> rate, int configured);
 
-int convert_cue_708(cc708_map& out, const WebVTTFileEvent_v1& cue, const frame_grid& g,
-                    int service, int cap, const caption_options& opt, WebVTTConvContext_v1& ctx);
+// Converts one cue into out (keys on the grid) and updates the context, as
+// convert_cue_608 does.
+bool convert_cue_708(cc708_map& out, const WebVTTFileEvent_v1& cue, const frame_grid& g,
+                     int service, int cap, const caption_options& opt, WebVTTConvContext_v1& ctx);
 
 }  // namespace tolm_cc

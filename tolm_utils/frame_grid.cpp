@@ -27,21 +27,21 @@ int64_t gcd64(int64_t a, int64_t b) {
 
 }  // namespace
 
-int make_frame_grid(molvar_rational<long> unit, molvar_rational<long> rate, frame_grid& g) {
+bool make_frame_grid(molvar_rational<long> unit, molvar_rational<long> rate, frame_grid& g) {
   constexpr long term_cap = long(1) << 31;
-  if (unit.num <= 0 || unit.den <= 0 || rate.num <= 0 || rate.den <= 0) return 0;
+  if (unit.num <= 0 || unit.den <= 0 || rate.num <= 0 || rate.den <= 0) return false;
   if (unit.num > term_cap || unit.den > term_cap || rate.num > term_cap || rate.den > term_cap)
-    return 0;
+    return false;
   // Frame length in ticks: (unit.num / unit.den) / (rate.num / rate.den).
   int64_t num = int64_t(unit.num) * rate.den;
   int64_t den = int64_t(unit.den) * rate.num;
   const int64_t d = gcd64(num, den);
   num /= d;
   den /= d;
-  if (num < den) return 0;  // frames shorter than a tick would share keys
+  if (num < den) return false;  // frames shorter than a tick would share keys
   g.num = num;
   g.den = den;
-  return 1;
+  return true;
 }
 
 int64_t grid_key(const frame_grid& g, int64_t f) {
@@ -58,16 +58,16 @@ int64_t grid_frame_at_or_after(const frame_grid& g, int64_t t) {
   return f;
 }
 
-int cue_frames(const WebVTTFileEvent_v1& cue, const frame_grid& g, int64_t& s, int64_t& e) {
+bool cue_frames(const WebVTTFileEvent_v1& cue, const frame_grid& g, int64_t& s, int64_t& e) {
   const int64_t start = cue.start.count();
   const int64_t end = cue.end.count();
-  if (start == INT64_MIN || end <= start) return 0;
+  if (start == INT64_MIN || end <= start) return false;
   s = grid_frame(g, std::clamp(start, -time_limit, time_limit));
   e = grid_frame(g, std::clamp(end, -time_limit, time_limit));
-  return 1;
+  return true;
 }
 
-int clock_jumped(const frame_grid& g, int64_t s, const WebVTTConvContext_v1& ctx) {
+bool clock_jumped(const frame_grid& g, int64_t s, const WebVTTConvContext_v1& ctx) {
   constexpr int64_t jump_frames = 1800;  // a minute at 29.97 fps
   return s < grid_frame_at_or_after(g, context_time(ctx.next_free_ms)) - jump_frames;
 }

@@ -22,10 +22,10 @@ struct frame_grid {
 constexpr int64_t time_limit = int64_t(1) << 61;
 
 // The grid for cue times in `unit` (ticks per second as num/den; 1000/1 for
-// milliseconds) and frames at `rate` frames per second. Fails (returns 0)
-// for non-positive or oversized terms and for frames shorter than one tick,
+// milliseconds) and frames at `rate` frames per second. Fails for
+// non-positive or oversized terms and for frames shorter than one tick,
 // which could not give every frame its own key.
-int make_frame_grid(molvar_rational<long> unit, molvar_rational<long> rate, frame_grid& g);
+bool make_frame_grid(molvar_rational<long> unit, molvar_rational<long> rate, frame_grid& g);
 
 // A time kept in the context, as a signed key within the clamp range. Takes
 // the field by value: the context is a packed record and its 64-bit fields
@@ -39,16 +39,16 @@ int64_t grid_frame(const frame_grid& g, int64_t t);
 // First frame whose key is at or after t.
 int64_t grid_frame_at_or_after(const frame_grid& g, int64_t t);
 
-// Start and end frames of a cue, or 0 (skip the cue) for FFmpeg's no-time
+// Start and end frames of a cue; false (skip the cue) for FFmpeg's no-time
 // start and for an end not after the start. Times are clamped to
 // +-time_limit first.
-int cue_frames(const WebVTTFileEvent_v1& cue, const frame_grid& g, int64_t& s, int64_t& e);
+bool cue_frames(const WebVTTFileEvent_v1& cue, const frame_grid& g, int64_t& s, int64_t& e);
 
 // Whether a cue starting in frame s means the cue clock jumped back (a
 // restarted source): it starts more than a minute before the point the
 // context has committed to. The converters then start from a fresh context,
 // so captions resume instead of every later cue being dropped as late.
-int clock_jumped(const frame_grid& g, int64_t s, const WebVTTConvContext_v1& ctx);
+bool clock_jumped(const frame_grid& g, int64_t s, const WebVTTConvContext_v1& ctx);
 
 // How a caption's schedule turned out: shown at its start; delayed until the
 // previous caption's erase is out; late, after a load that could not start
