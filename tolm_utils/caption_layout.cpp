@@ -108,8 +108,9 @@ struct layout_builder {
 
 caption_layout layout_cue_text(std::string_view text, int wrap_width, cc_target target,
                                const caption_options& opt) {
-  layout_builder b{std::clamp(wrap_width, 1, 32), std::clamp(opt.max_rows, 1, 15),
-                   target == cc_target::cea608, {}, {}, {}, 0, 0};
+  const int width = std::clamp(wrap_width, 1, screen_columns);
+  const int rows = std::clamp(opt.max_rows, 1, screen_rows);
+  layout_builder b{width, rows, target == cc_target::cea608, {}, {}, {}, 0, 0};
   cue_text_reader r = make_cue_text_reader(text, opt.voice_prefix);
   text_item it;
   caption_cell cells[3];
@@ -251,24 +252,24 @@ cue_box parse_cue_box(const std::map<std::string, std::string>& settings) {
 }
 
 int box_wrap_width(const cue_box& b) {
-  const int w = static_cast<int>(std::floor(b.size_pct * 32 / 100));
-  return std::clamp(w, 1, 32);
+  const int w = static_cast<int>(std::floor(b.size_pct * screen_columns / 100));
+  return std::clamp(w, 1, screen_columns);
 }
 
 int box_top_row(const cue_box& b, int n) {
-  n = std::clamp(n, 1, 15);
-  int64_t top = 16 - n;
+  n = std::clamp(n, 1, screen_rows);
+  int64_t top = screen_rows + 1 - n;
   if (b.line == line_kind::number) {
-    top = b.line_number >= 0 ? b.line_number + 1 : 17 + b.line_number - n;
+    top = b.line_number >= 0 ? b.line_number + 1 : screen_rows + 2 + b.line_number - n;
   } else if (b.line == line_kind::percent) {
     // The caption area is the middle 80 % of the picture, 15 rows high.
-    int64_t r = static_cast<int64_t>(std::floor((b.line_pct - 10) * 15 / 80)) + 1;
-    r = std::clamp<int64_t>(r, 1, 15);
+    int64_t r = static_cast<int64_t>(std::floor((b.line_pct - 10) * screen_rows / 80)) + 1;
+    r = std::clamp<int64_t>(r, 1, screen_rows);
     if (b.line_align == 1) top = r - (n - 1) / 2;
     else if (b.line_align == 2) top = r - n + 1;
     else top = r;
   }
-  return static_cast<int>(std::clamp<int64_t>(top, 1, 16 - n));
+  return static_cast<int>(std::clamp<int64_t>(top, 1, screen_rows + 1 - n));
 }
 
 bool box_from_bottom(const cue_box& b) {
@@ -283,16 +284,17 @@ bool box_from_bottom(const cue_box& b) {
 h_align box_h_align(const cue_box& b) { return b.has_position ? b.position_align : b.align; }
 
 int box_column(const cue_box& b, int w) {
-  w = std::clamp(w, 0, 32);
+  w = std::clamp(w, 0, screen_columns);
   int col;
   const h_align k = box_h_align(b);
   if (b.has_position) {
-    const int a = static_cast<int>(std::floor(b.position_pct * 32 / 100 + 0.5));
+    const int a = static_cast<int>(std::floor(b.position_pct * screen_columns / 100 + 0.5));
     col = k == h_align::left ? a : k == h_align::right ? a - w : a - w / 2;
   } else {
-    col = k == h_align::left ? 0 : k == h_align::right ? 32 - w : (32 - w) / 2;
+    const int room = screen_columns - w;
+    col = k == h_align::left ? 0 : k == h_align::right ? room : room / 2;
   }
-  return std::clamp(col, 0, 32 - w);
+  return std::clamp(col, 0, screen_columns - w);
 }
 
 int box_anchor_h(const cue_box& b) {

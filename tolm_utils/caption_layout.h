@@ -12,6 +12,10 @@
 
 namespace tolm_cc {
 
+// The caption grid both caption sets place text on.
+constexpr int screen_rows = 15;
+constexpr int screen_columns = 32;
+
 // ---------------------------------------------------------------------------
 // Screen cells and layout
 // ---------------------------------------------------------------------------

@@ -24,7 +24,7 @@ constexpr uint8_t pac_first[16] = {0,    0x11, 0x11, 0x12, 0x12, 0x15, 0x15, 0x1
 constexpr uint8_t pac_base[16] = {0,    0x40, 0x60, 0x40, 0x60, 0x40, 0x60, 0x40,
                                   0x60, 0x40, 0x60, 0x40, 0x40, 0x60, 0x40, 0x60};
 
-int clamp_row(int row) { return std::clamp(row, 1, 15); }
+int clamp_row(int row) { return std::clamp(row, 1, screen_rows); }
 
 }  // namespace
 
@@ -228,7 +228,7 @@ std::vector<load_unit> build_608_load(const caption_layout& lay, const cue_box& 
     // A row that starts in italics needs a mid-row code before its text,
     // which takes a cell, unless it starts at column 0 with the italic PAC.
     const bool lead_italic = row.cells.front().italic;
-    const int col = box_column(box, std::min(32, row.width + (lead_italic ? 1 : 0)));
+    const int col = box_column(box, std::min(screen_columns, row.width + (lead_italic ? 1 : 0)));
     if (lead_italic && col == 0) {
       w.put_code(pac_608_italic(screen_row));
     } else {

@@ -99,13 +99,14 @@ std::vector<dtvcc_atom> build_708_load(const caption_layout& lay, const cue_box&
   w &= 7;
   int cols = 1;
   for (const caption_row& row : lay.rows) cols = std::max(cols, static_cast<int>(row.cells.size()));
-  cols = std::min(cols, 32);
+  cols = std::min(cols, screen_columns);
 
   const int top = box_top_row(box, n);
   const bool bottom = box_from_bottom(box);
   const h_align h = box_h_align(box);
   const int anchor_point = (bottom ? 6 : 0) + (h == h_align::left ? 0 : h == h_align::center ? 1 : 2);
-  const int anchor_v = bottom ? std::min(99, (top + n - 1) * 100 / 15 - 1) : (top - 1) * 100 / 15;
+  const int anchor_v =
+      bottom ? std::min(99, (top + n - 1) * 100 / screen_rows - 1) : (top - 1) * 100 / screen_rows;
   const int anchor_h = box_anchor_h(box);
 
   if (delete_all_first) atoms.push_back(atom({cmd_dlw, 0xFF}));
