@@ -52,6 +52,20 @@ test: deps
 	@s=0; bash scripts/run-tests.sh build/sys build/static build/asan || s=1; \
 	  FUZZ_SECONDS=$(FUZZ_TEST_SECONDS) bash scripts/run-fuzz.sh build/fuzz || s=1; exit $$s
 
+# The developer loop, about a minute warm: the system-FFmpeg build, the unit
+# tests and the integration tests labelled quick in tests/CMakeLists.txt.
+.PHONY: check format check-format
+check: deps
+	@$(MAKE) --no-print-directory build
+	ctest --test-dir build/sys -L '^(unit|quick)$$' --output-on-failure -j2
+
+# format rewrites the C++ sources to .clang-format; check-format only checks.
+format:
+	@bash scripts/check-format.sh --fix
+
+check-format:
+	@bash scripts/check-format.sh
+
 fuzz: deps
 	@$(MAKE) --no-print-directory build-fuzz
 	@FUZZ_SECONDS=$(FUZZ_SECONDS) bash scripts/run-fuzz.sh build/fuzz

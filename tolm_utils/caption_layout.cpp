@@ -1,67 +1,12 @@
-// Frame grid, row wrapping and placement shared by the CEA-608 and CEA-708
-// converters.
+// Row wrapping and placement shared by the CEA-608 and CEA-708 converters.
 #include <algorithm>
 #include <cmath>
 
-#include "tolm_utils/cea_internal.h"
+#include "tolm_utils/caption_layout.h"
+#include "tolm_utils/cea608.h"
+#include "tolm_utils/cea708.h"
 
 namespace tolm_cc {
-
-// ---------------------------------------------------------------------------
-// Frame grid
-// ---------------------------------------------------------------------------
-
-namespace {
-
-using i128 = __int128;
-
-i128 floor_div(i128 a, i128 b) {  // b > 0
-  i128 q = a / b;
-  if (a % b != 0 && a < 0) --q;
-  return q;
-}
-
-int64_t gcd64(int64_t a, int64_t b) {
-  while (b != 0) {
-    const int64_t t = a % b;
-    a = b;
-    b = t;
-  }
-  return a;
-}
-
-}  // namespace
-
-int make_frame_grid(molvar_rational<long> unit, molvar_rational<long> rate, frame_grid& g) {
-  constexpr long term_cap = long(1) << 31;
-  if (unit.num <= 0 || unit.den <= 0 || rate.num <= 0 || rate.den <= 0) return 0;
-  if (unit.num > term_cap || unit.den > term_cap || rate.num > term_cap || rate.den > term_cap)
-    return 0;
-  // Frame length in ticks: (unit.num / unit.den) / (rate.num / rate.den).
-  int64_t num = int64_t(unit.num) * rate.den;
-  int64_t den = int64_t(unit.den) * rate.num;
-  const int64_t d = gcd64(num, den);
-  num /= d;
-  den /= d;
-  if (num < den) return 0;  // frames shorter than a tick would share keys
-  g.num = num;
-  g.den = den;
-  return 1;
-}
-
-int64_t grid_key(const frame_grid& g, int64_t f) {
-  return static_cast<int64_t>(floor_div(i128(2) * f * g.num + g.den, i128(2) * g.den));
-}
-
-int64_t grid_frame(const frame_grid& g, int64_t t) {
-  return static_cast<int64_t>(floor_div(i128(2) * t * g.den + g.num, i128(2) * g.num));
-}
-
-int64_t grid_frame_at_or_after(const frame_grid& g, int64_t t) {
-  int64_t f = grid_frame(g, t);
-  while (grid_key(g, f) < t) ++f;  // at most one step: keys are rounded frame times
-  return f;
-}
 
 // ---------------------------------------------------------------------------
 // Layout
@@ -163,8 +108,9 @@ struct layout_builder {
 
 caption_layout layout_cue_text(std::string_view text, int wrap_width, cc_target target,
                                const caption_options& opt) {
-  layout_builder b{std::clamp(wrap_width, 1, 32), std::clamp(opt.max_rows, 1, 15),
-                   target == cc_target::cea608, {}, {}, {}, 0, 0};
+  const int width = std::clamp(wrap_width, 1, screen_columns);
+  const int rows = std::clamp(opt.max_rows, 1, screen_rows);
+  layout_builder b{width, rows, target == cc_target::cea608, {}, {}, {}, 0, 0};
   cue_text_reader r = make_cue_text_reader(text, opt.voice_prefix);
   text_item it;
   caption_cell cells[3];
@@ -306,24 +252,24 @@ cue_box parse_cue_box(const std::map<std::string, std::string>& settings) {
 }
 
 int box_wrap_width(const cue_box& b) {
-  const int w = static_cast<int>(std::floor(b.size_pct * 32 / 100));
-  return std::clamp(w, 1, 32);
+  const int w = static_cast<int>(std::floor(b.size_pct * screen_columns / 100));
+  return std::clamp(w, 1, screen_columns);
 }
 
 int box_top_row(const cue_box& b, int n) {
-  n = std::clamp(n, 1, 15);
-  int64_t top = 16 - n;
+  n = std::clamp(n, 1, screen_rows);
+  int64_t top = screen_rows + 1 - n;
   if (b.line == line_kind::number) {
-    top = b.line_number >= 0 ? b.line_number + 1 : 17 + b.line_number - n;
+    top = b.line_number >= 0 ? b.line_number + 1 : screen_rows + 2 + b.line_number - n;
   } else if (b.line == line_kind::percent) {
     // The caption area is the middle 80 % of the picture, 15 rows high.
-    int64_t r = static_cast<int64_t>(std::floor((b.line_pct - 10) * 15 / 80)) + 1;
-    r = std::clamp<int64_t>(r, 1, 15);
+    int64_t r = static_cast<int64_t>(std::floor((b.line_pct - 10) * screen_rows / 80)) + 1;
+    r = std::clamp<int64_t>(r, 1, screen_rows);
     if (b.line_align == 1) top = r - (n - 1) / 2;
     else if (b.line_align == 2) top = r - n + 1;
     else top = r;
   }
-  return static_cast<int>(std::clamp<int64_t>(top, 1, 16 - n));
+  return static_cast<int>(std::clamp<int64_t>(top, 1, screen_rows + 1 - n));
 }
 
 bool box_from_bottom(const cue_box& b) {
@@ -338,16 +284,17 @@ bool box_from_bottom(const cue_box& b) {
 h_align box_h_align(const cue_box& b) { return b.has_position ? b.position_align : b.align; }
 
 int box_column(const cue_box& b, int w) {
-  w = std::clamp(w, 0, 32);
+  w = std::clamp(w, 0, screen_columns);
   int col;
   const h_align k = box_h_align(b);
   if (b.has_position) {
-    const int a = static_cast<int>(std::floor(b.position_pct * 32 / 100 + 0.5));
+    const int a = static_cast<int>(std::floor(b.position_pct * screen_columns / 100 + 0.5));
     col = k == h_align::left ? a : k == h_align::right ? a - w : a - w / 2;
   } else {
-    col = k == h_align::left ? 0 : k == h_align::right ? 32 - w : (32 - w) / 2;
+    const int room = screen_columns - w;
+    col = k == h_align::left ? 0 : k == h_align::right ? room : room / 2;
   }
-  return std::clamp(col, 0, 32 - w);
+  return std::clamp(col, 0, screen_columns - w);
 }
 
 int box_anchor_h(const cue_box& b) {

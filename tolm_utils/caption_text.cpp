@@ -2,7 +2,7 @@
 // entities, and the plain-letter fallbacks shared by both caption sets.
 #include <cstring>
 
-#include "tolm_utils/cea_internal.h"
+#include "tolm_utils/caption_text.h"
 
 namespace tolm_cc {
 
@@ -153,21 +153,21 @@ bool read_entity(cue_text_reader& r, char32_t& cp) {
 
 }  // namespace
 
-int next_text_item(cue_text_reader& r, text_item& item) {
+bool next_text_item(cue_text_reader& r, text_item& item) {
   const std::string_view t = r.text;
   for (;;) {
     if (r.queued_pos < r.queued_len) {
       item = {r.queued[r.queued_pos++], r.italic_depth > 0};
-      return 1;
+      return true;
     }
-    if (r.pos >= t.size()) return 0;
+    if (r.pos >= t.size()) return false;
     char32_t cp;
     const char c = t[r.pos];
     if (c == '<') {
       const size_t close = t.find('>', r.pos + 1);
       if (close == std::string_view::npos) {
         r.pos = t.size();  // an unterminated tag swallows the rest
-        return 0;
+        return false;
       }
       apply_tag(r, t.substr(r.pos + 1, close - r.pos - 1));
       r.pos = close + 1;
@@ -186,12 +186,12 @@ int next_text_item(cue_text_reader& r, text_item& item) {
     if (cp == U'\t') cp = U' ';
     if (cp == U'\n') {
       item = {cp, false};
-      return 1;
+      return true;
     }
     if (cp < 0x20 || (cp >= 0x7F && cp <= 0x9F)) continue;  // control characters
     if (cp == 0x200B || cp == 0x200E || cp == 0x200F || cp == 0xFEFF) continue;  // invisible marks
     item = {cp, r.italic_depth > 0};
-    return 1;
+    return true;
   }
 }
 

@@ -2,7 +2,7 @@
 // one caption and its place on the frame grid.
 #include <algorithm>
 
-#include "tolm_utils/cea_internal.h"
+#include "tolm_utils/cea608.h"
 
 namespace tolm_cc {
 
@@ -24,7 +24,7 @@ constexpr uint8_t pac_first[16] = {0,    0x11, 0x11, 0x12, 0x12, 0x15, 0x15, 0x1
 constexpr uint8_t pac_base[16] = {0,    0x40, 0x60, 0x40, 0x60, 0x40, 0x60, 0x40,
                                   0x60, 0x40, 0x60, 0x40, 0x40, 0x60, 0x40, 0x60};
 
-int clamp_row(int row) { return std::clamp(row, 1, 15); }
+int clamp_row(int row) { return std::clamp(row, 1, screen_rows); }
 
 }  // namespace
 
@@ -228,7 +228,7 @@ std::vector<load_unit> build_608_load(const caption_layout& lay, const cue_box& 
     // A row that starts in italics needs a mid-row code before its text,
     // which takes a cell, unless it starts at column 0 with the italic PAC.
     const bool lead_italic = row.cells.front().italic;
-    const int col = box_column(box, std::min(32, row.width + (lead_italic ? 1 : 0)));
+    const int col = box_column(box, std::min(screen_columns, row.width + (lead_italic ? 1 : 0)));
     if (lead_italic && col == 0) {
       w.put_code(pac_608_italic(screen_row));
     } else {
@@ -320,13 +320,13 @@ schedule_608_result schedule_608(const std::vector<load_unit>& load, int64_t s, 
   return r;
 }
 
-int convert_cue_608(cc608_map& out, const WebVTTFileEvent_v1& cue, const frame_grid& g,
-                    const caption_options& opt, WebVTTConvContext_v1& ctx) {
+bool convert_cue_608(cc608_map& out, const WebVTTFileEvent_v1& cue, const frame_grid& g,
+                     const caption_options& opt, WebVTTConvContext_v1& ctx) {
   int64_t s, e;
-  if (!cue_frames(cue, g, s, e)) return 0;
+  if (!cue_frames(cue, g, s, e)) return false;
   const cue_box box = parse_cue_box(cue.settings);
   const caption_layout lay = layout_cue_text(cue.text, box_wrap_width(box), cc_target::cea608, opt);
-  if (lay.rows.empty()) return 0;
+  if (lay.rows.empty()) return false;
   const std::vector<load_unit> load = build_608_load(lay, box);
   // Worked on a copy: a dropped cue leaves the caller's context as it was.
   WebVTTConvContext_v1 cur = ctx;
@@ -336,7 +336,7 @@ int convert_cue_608(cc608_map& out, const WebVTTFileEvent_v1& cue, const frame_g
   const int64_t c = pending ? grid_frame(g, context_time(cur.clear_at_ms)) : 0;
   const int64_t nf = grid_frame_at_or_after(g, context_time(cur.next_free_ms));
   const schedule_608_result r = schedule_608(load, s, e, pending, c, nf);
-  if (r.note == schedule_note::dropped) return 0;
+  if (r.note == schedule_note::dropped) return false;
 
   const auto put = [&](int64_t frame, eia608_pair p) {
     out[static_cast<uint64_t>(grid_key(g, frame))] = p;
@@ -356,7 +356,7 @@ int convert_cue_608(cc608_map& out, const WebVTTFileEvent_v1& cue, const frame_g
   cur.next_free_ms = static_cast<uint64_t>(grid_key(g, r.show + 2));
   cur.clear_at_ms = static_cast<uint64_t>(grid_key(g, r.clear));
   ctx = cur;
-  return 1;
+  return true;
 }
 
 }  // namespace tolm_cc

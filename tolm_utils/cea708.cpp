@@ -2,7 +2,7 @@
 // commands, service blocks and packets, and their place on the frame grid.
 #include <algorithm>
 
-#include "tolm_utils/cea_internal.h"
+#include "tolm_utils/cea708.h"
 
 namespace tolm_cc {
 
@@ -99,13 +99,14 @@ std::vector<dtvcc_atom> build_708_load(const caption_layout& lay, const cue_box&
   w &= 7;
   int cols = 1;
   for (const caption_row& row : lay.rows) cols = std::max(cols, static_cast<int>(row.cells.size()));
-  cols = std::min(cols, 32);
+  cols = std::min(cols, screen_columns);
 
   const int top = box_top_row(box, n);
   const bool bottom = box_from_bottom(box);
   const h_align h = box_h_align(box);
   const int anchor_point = (bottom ? 6 : 0) + (h == h_align::left ? 0 : h == h_align::center ? 1 : 2);
-  const int anchor_v = bottom ? std::min(99, (top + n - 1) * 100 / 15 - 1) : (top - 1) * 100 / 15;
+  const int anchor_v =
+      bottom ? std::min(99, (top + n - 1) * 100 / screen_rows - 1) : (top - 1) * 100 / screen_rows;
   const int anchor_h = box_anchor_h(box);
 
   if (delete_all_first) atoms.push_back(atom({cmd_dlw, 0xFF}));
@@ -314,14 +315,14 @@ int dtvcc_cap_for_rate(molvar_rational<long> rate, int configured) {
 // multiple of 4 (padded with one-triplet null packets in its last frame),
 // numbered from the pending packet's own number; the packets after c go on
 // from the pending number + 1.
-int convert_cue_708(cc708_map& out, const WebVTTFileEvent_v1& cue, const frame_grid& g,
-                    int service, int cap, const caption_options& opt, WebVTTConvContext_v1& ctx) {
-  if (service < 1 || service > 6) return 0;
+bool convert_cue_708(cc708_map& out, const WebVTTFileEvent_v1& cue, const frame_grid& g,
+                     int service, int cap, const caption_options& opt, WebVTTConvContext_v1& ctx) {
+  if (service < 1 || service > 6) return false;
   int64_t s, e;
-  if (!cue_frames(cue, g, s, e)) return 0;
+  if (!cue_frames(cue, g, s, e)) return false;
   const cue_box box = parse_cue_box(cue.settings);
   const caption_layout lay = layout_cue_text(cue.text, box_wrap_width(box), cc_target::cea708, opt);
-  if (lay.rows.empty()) return 0;
+  if (lay.rows.empty()) return false;
   // Worked on a copy: a dropped cue leaves the caller's context as it was.
   WebVTTConvContext_v1 cur = ctx;
   if (clock_jumped(g, s, cur)) cur = webvtt_conv_context_start();
@@ -337,7 +338,7 @@ int convert_cue_708(cc708_map& out, const WebVTTFileEvent_v1& cue, const frame_g
   const int64_t c = pending ? grid_frame(g, context_time(cur.clear_at_ms)) : 0;
   const int64_t nf = grid_frame_at_or_after(g, context_time(cur.next_free_ms));
   schedule_708_result r = schedule_708(load_triplets, s, e, pending, c, nf, cap);
-  if (r.note == schedule_note::dropped) return 0;
+  if (r.note == schedule_note::dropped) return false;
 
   // Show: hide the old caption first when its end is still to come.
   std::vector<dtvcc_atom> show_atoms;
@@ -397,7 +398,7 @@ int convert_cue_708(cc708_map& out, const WebVTTFileEvent_v1& cue, const frame_g
     cur.tag = static_cast<uint16_t>(1 << old_target);
   }
   ctx = cur;
-  return 1;
+  return true;
 }
 
 }  // namespace tolm_cc

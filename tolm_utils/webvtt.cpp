@@ -10,29 +10,19 @@
 // The converters write nothing to standard error: characters no caption set
 // holds, rows beyond the fourth and cues left without display time are
 // dropped silently, like other bad input on the caption path.
-#include <algorithm>
-#include <climits>
-
-#include "tolm_utils/cea_internal.h"
+//
+// The pipeline for one cue, a file per stage:
+//   cue text bytes --next_text_item (caption_text)--> code points with italics
+//     --map_char_608/708 (cea608, cea708)--> screen cells
+//     --layout_cue_text, parse_cue_box (caption_layout)--> wrapped, placed rows
+//     --build_608_load / build_708_load--> caption data
+//     --schedule_608 / schedule_708 on the frame grid (frame_grid)--> keyed maps.
+// Every step is a function of values; only convert_cue_608/708 touch the
+// output map and the cross-cue context.
 #include "tolm_utils/webvtt.h"
 
-namespace tolm_cc {
-
-int cue_frames(const WebVTTFileEvent_v1& cue, const frame_grid& g, int64_t& s, int64_t& e) {
-  const int64_t start = cue.start.count();
-  const int64_t end = cue.end.count();
-  if (start == INT64_MIN || end <= start) return 0;
-  s = grid_frame(g, std::clamp(start, -time_limit, time_limit));
-  e = grid_frame(g, std::clamp(end, -time_limit, time_limit));
-  return 1;
-}
-
-int clock_jumped(const frame_grid& g, int64_t s, const WebVTTConvContext_v1& ctx) {
-  constexpr int64_t jump_frames = 1800;  // a minute at 29.97 fps
-  return s < grid_frame_at_or_after(g, context_time(ctx.next_free_ms)) - jump_frames;
-}
-
-}  // namespace tolm_cc
+#include "tolm_utils/cea608.h"
+#include "tolm_utils/cea708.h"
 
 void WebVTTTo608(cc608_map& out, molvar_rational<long> unit, bool roll_up,
                  const WebVTTFile_v1& file, vtt_cue_map::const_iterator first,
