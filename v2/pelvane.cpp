@@ -3,7 +3,8 @@
 // as caption events. main runs the stages once each, in order: command line,
 // input, output, relay loop, clean-up.
 
-#include <time.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -23,9 +24,11 @@ extern "C" {
 #include "v2/captions/captions.h"
 #include "v2/ff_util.h"
 #include "v2/relay_rules.h"
-#include "v2/rtsp/rtsp.h"
+#include "v2/rtsp/rtsp_probe.h"
 #include "v2/settings.h"
+#include "v2/setup_watch.h"
 #include "v2/sink/sink.h"
+#include "v2/watchdog.h"
 
 namespace {
 
@@ -103,80 +106,9 @@ void check_source() {
   }
 }
 
-// ---- set-up watch ----
-
-// While the input is opened and its streams are read, FFmpeg polls
-// interrupt_on_stall (every 100 ms or so while it waits on the source). It
-// interrupts once no byte has been read for watchdog_seconds, so a source
-// that stops answering fails through the usual set-up messages instead of
-// dying by SIGALRM, and one that keeps sending (a long playlist probe on a
-// slow link) is never cut off. Bytes are counted over every I/O context the
-// input opens (a playlist opens one per segment), followed through the
-// context's open and close callbacks; an input that does its own I/O
-// (rtsp://) shows none, and then the time since the set-up began counts.
-struct setup_watch_state {
-  bool active = false;
-  bool fired = false;
-  progress_clock clock;
-  int64_t closed_bytes = 0;  // read by contexts already closed
-  std::vector<AVIOContext*> open_ios;
-  decltype(AVFormatContext::io_open) default_open = nullptr;
-  decltype(AVFormatContext::io_close2) default_close = nullptr;
-};
-setup_watch_state setup_watch;
-
-int64_t monotonic_ms() {
-  timespec ts;
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
-}
-
-int interrupt_on_stall(void*) {
-  if (!setup_watch.active) return 0;
-  if (setup_watch.fired) return 1;
-  int64_t bytes = setup_watch.closed_bytes;
-  for (const AVIOContext* pb : setup_watch.open_ios) bytes += pb->bytes_read;
-  setup_watch.fired = no_progress_for(setup_watch.clock, bytes, monotonic_ms(), watchdog_seconds * 1000);
-  return setup_watch.fired ? 1 : 0;
-}
-
-int open_watched(AVFormatContext* s, AVIOContext** pb, const char* url, int flags, AVDictionary** options) {
-  const int e = setup_watch.default_open(s, pb, url, flags, options);
-  if (e >= 0 && *pb) setup_watch.open_ios.push_back(*pb);
-  return e;
-}
-
-int close_watched(AVFormatContext* s, AVIOContext* pb) {
-  for (auto it = setup_watch.open_ios.begin(); it != setup_watch.open_ios.end(); ++it) {
-    if (*it != pb) continue;
-    setup_watch.closed_bytes += pb->bytes_read;
-    setup_watch.open_ios.erase(it);
-    break;
-  }
-  return setup_watch.default_close(s, pb);
-}
-
-void start_setup_watch(AVFormatContext* ctx) {
-  setup_watch.active = true;
-  setup_watch.clock = progress_clock{0, monotonic_ms()};
-  setup_watch.default_open = ctx->io_open;
-  setup_watch.default_close = ctx->io_close2;
-  ctx->io_open = open_watched;
-  ctx->io_close2 = close_watched;
-  ctx->interrupt_callback.callback = interrupt_on_stall;
-}
-
-// From here on the relay loop's watchdog alone guards the run.
-void end_setup_watch(AVFormatContext* ctx) {
-  setup_watch.active = false;
-  ctx->io_open = setup_watch.default_open;
-  ctx->io_close2 = setup_watch.default_close;
-  setup_watch.open_ios.clear();
-}
-
 // A set-up failure the watch caused gets a line of its own first.
 void report_input_failure(const char* format, int e) {
-  if (setup_watch.fired)
+  if (setup_watch_fired())
     fputs(with_url("Source '%s' stopped answering: nothing read for 30 seconds\n").c_str(), stderr);
   report_ff_failure(with_url(format), e);
 }
@@ -199,19 +131,20 @@ std::vector<stream_desc> describe_streams(const AVFormatContext* in) {
   return out;
 }
 
-input_side open_input() {
-  input_side in;
+// Opens source_url with the run's input options; set-up failures end the run.
+// The set-up watch guards the open and the stream-information read.
+AVFormatContext* open_source() {
   AVDictionary* input_options = nullptr;
   av_dict_set(&input_options, "seekable", "0", 0);
   if (source_is_hls) {
     av_dict_set(&input_options, "http_multiple", "1", 0);
     av_dict_set(&input_options, "probesize", "32000000", 0);
   }
-  in.ctx = avformat_alloc_context();
+  AVFormatContext* ctx = avformat_alloc_context();
   int e = AVERROR(ENOMEM);
-  if (in.ctx) {
-    start_setup_watch(in.ctx);
-    e = avformat_open_input(&in.ctx, source_url.c_str(), nullptr, &input_options);  // frees ctx on failure
+  if (ctx) {
+    start_setup_watch(ctx);
+    e = avformat_open_input(&ctx, source_url.c_str(), nullptr, &input_options);  // frees ctx on failure
   }
   av_dict_free(&input_options);  // what the input did not take is not used
   if (e < 0) {
@@ -219,15 +152,18 @@ input_side open_input() {
     if (e == AVERROR(EPROTONOSUPPORT)) fputs("FFMPEG says not supported.\n", stderr);
     fail_run();
   }
-  e = avformat_find_stream_info(in.ctx, nullptr);
-  if (e >= 0 && setup_watch.fired) e = AVERROR_EXIT;  // streams found before the stall are not enough
+  e = avformat_find_stream_info(ctx, nullptr);
+  if (e >= 0 && setup_watch_fired()) e = AVERROR_EXIT;  // streams found before the stall are not enough
   if (e < 0) {
     report_input_failure("Failed to get input stream info for '%s'. ", e);
     fail_run();
   }
-  end_setup_watch(in.ctx);
-  av_dump_format(in.ctx, 0, source_url.c_str(), 0);
+  end_setup_watch(ctx);
+  return ctx;
+}
 
+// Picks the video, audio and WebVTT streams by the relay's own rules.
+void choose_streams(input_side& in) {
   const std::vector<stream_desc> streams = describe_streams(in.ctx);
   in.video_index = choose_video(streams, max_width, max_height);
   int best_related = -1;
@@ -243,7 +179,10 @@ input_side open_input() {
     in.ctx->streams[audio.index]->codecpar->sample_rate = 48000;
   }
   in.vtt_index = choose_vtt(streams);
+}
 
+// The stream-choice report: one line for each of video, audio and WebVTT.
+void report_streams(const input_side& in) {
   if (in.video_index >= 0) {
     const AVCodecParameters* p = in.ctx->streams[in.video_index]->codecpar;
     fprintf(stderr, "Found video stream. Index %d, %d x %u. %u bytes extradata\n", in.video_index,
@@ -263,7 +202,16 @@ input_side open_input() {
     fprintf(stderr, "Found VTT stream. Index %d\n", in.vtt_index);
   else
     fputs("Did not find VTT stream\n", stderr);
+}
 
+// Input stage: the source opened, its streams listed and chosen. A source
+// without video or audio ends the run.
+input_side open_input() {
+  input_side in;
+  in.ctx = open_source();
+  av_dump_format(in.ctx, 0, source_url.c_str(), 0);
+  choose_streams(in);
+  report_streams(in);
   if (in.video_index < 0 && in.audio_index < 0) {
     fputs("Did not find any streams\n", stderr);
     fail_run();
@@ -326,15 +274,22 @@ void apply_discard_rule(AVFormatContext* in, const input_side& picked) {
     if (idx >= 0 && idx < static_cast<int>(in->nb_streams)) in->streams[idx]->discard = AVDISCARD_DEFAULT;
 }
 
-output_side setup_output(const input_side& in, my_avio_ctx& sink) {
-  output_side out;
-  int e = avformat_alloc_output_context2(&out.ctx, nullptr, allow_mp4 ? "mov" : "mpegts", nullptr);
+// The muxer for the run's container: MPEG-TS, or fragmented MP4 with --mp4.
+AVFormatContext* open_muxer() {
+  AVFormatContext* ctx = nullptr;
+  const int e = avformat_alloc_output_context2(&ctx, nullptr, allow_mp4 ? "mov" : "mpegts", nullptr);
   if (e < 0) {
     report_ff_failure(with_url("Failed to open output stream '%s'. "), e);
     fail_run();
   }
-  if (out.ctx->pb) avio_close(out.ctx->pb), out.ctx->pb = nullptr;
+  if (ctx->pb) avio_close(ctx->pb), ctx->pb = nullptr;
+  return ctx;
+}
 
+// Points the muxer's output at the sink: a 4096-byte AVIO buffer whose
+// writes go to my_avio_write, which stages them in the sink's 2 MiB window.
+// main owns `sink`; the window is destroyed on every way out of the run.
+void attach_sink(AVFormatContext* muxer, my_avio_ctx& sink) {
   auto* avio_buffer = static_cast<unsigned char*>(av_malloc(avio_buffer_size));
   if (!avio_buffer) {
     fputs("Failed to alloc AVIO buffer\n", stderr);
@@ -346,19 +301,24 @@ output_side setup_output(const input_side& in, my_avio_ctx& sink) {
     fputs("Failed to alloc buffer\n", stderr);
     fail_run();
   }
-  out.ctx->pb = avio_alloc_context(avio_buffer, avio_buffer_size, 1, &sink, nullptr, write_callback, nullptr);
-  if (!out.ctx->pb) {
+  muxer->pb = avio_alloc_context(avio_buffer, avio_buffer_size, 1, &sink, nullptr, write_callback, nullptr);
+  if (!muxer->pb) {
     fputs("Failed to alloc AVIO\n", stderr);
     fail_run();
   }
+}
 
-  const AVStream* in_video = in.video_index >= 0 ? in.ctx->streams[in.video_index] : nullptr;
-  const AVStream* in_audio = in.audio_index >= 0 ? in.ctx->streams[in.audio_index] : nullptr;
-  if (in_video)
-    out.video = add_output_stream(out.ctx, in_video, "Failed to open output video stream '%s'. ");
-  if (in_audio)
-    out.audio = add_output_stream(out.ctx, in_audio, "Failed to open output audio stream '%s'. ");
+// Output streams for the chosen video and audio, in that order.
+void add_streams(const input_side& in, output_side& out) {
+  if (in.video_index >= 0)
+    out.video = add_output_stream(out.ctx, in.ctx->streams[in.video_index], "Failed to open output video stream '%s'. ");
+  if (in.audio_index >= 0)
+    out.audio = add_output_stream(out.ctx, in.ctx->streams[in.audio_index], "Failed to open output audio stream '%s'. ");
+}
 
+// Writes the container header with the run's muxer options. Its bytes are
+// held in the window until announce() has written the response head.
+void write_header(AVFormatContext* muxer) {
   AVDictionary* output_options = nullptr;
   if (allow_mp4) {
     av_dict_set(&output_options, "mov_flags", "empty_moov", 0);
@@ -368,14 +328,21 @@ output_side setup_output(const input_side& in, my_avio_ctx& sink) {
   } else {
     av_dict_set(&output_options, "mpegts_copyts", "1", 0);
   }
-  sink_output_held = true;  // released once the response head is out
-  e = avformat_write_header(out.ctx, &output_options);
+  sink_hold_output();
+  const int e = avformat_write_header(muxer, &output_options);
   av_dict_free(&output_options);  // options the muxer did not know are left in it
   if (e < 0) {
     report_ff_failure(with_url("Failed to write output header for '%s'. "), e);
     fail_run();
   }
+}
 
+// After the header: the H.264 filter decision, the time-base and extradata
+// reports, the discard rule, the packet for the relay loop, and the optional
+// response head, after which the held output goes out.
+void announce(const input_side& in, output_side& out, my_avio_ctx& sink) {
+  const AVStream* in_video = in.video_index >= 0 ? in.ctx->streams[in.video_index] : nullptr;
+  const AVStream* in_audio = in.audio_index >= 0 ? in.ctx->streams[in.audio_index] : nullptr;
   if (out.video) {
     const AVCodecParameters* p = out.video->codecpar;
     if (needs_annexb_filter(true, p->codec_id == AV_CODEC_ID_H264, p->extradata, p->extradata_size, allow_mp4))
@@ -385,9 +352,7 @@ output_side setup_output(const input_side& in, my_avio_ctx& sink) {
   if (out.video) log_time_bases("V", in_video, out.video);
   if (out.video && out.video->codecpar->extradata_size > 0)
     fputs(format_extradata(out.video->codecpar->extradata, out.video->codecpar->extradata_size).c_str(), stderr);
-
   apply_discard_rule(in.ctx, in);
-
   out.packet = av_packet_alloc();
   if (!out.packet) {
     fputs("av_packet_alloc == NULL?\n", stderr);
@@ -401,6 +366,17 @@ output_side setup_output(const input_side& in, my_avio_ctx& sink) {
   }
   sink_release_output(sink);
   av_packet_unref(out.packet);
+}
+
+// Output stage: open the muxer, attach the sink, add the streams, write the
+// header, announce.
+output_side setup_output(const input_side& in, my_avio_ctx& sink) {
+  output_side out;
+  out.ctx = open_muxer();
+  attach_sink(out.ctx, sink);
+  add_streams(in, out);
+  write_header(out.ctx);
+  announce(in, out, sink);
   return out;
 }
 
@@ -409,10 +385,11 @@ output_side setup_output(const input_side& in, my_avio_ctx& sink) {
 // The muxer may hand one packet to the sink in several writes (a 4096-byte
 // AVIO buffer); they leave standard output together once the call returns.
 void write_packet(AVFormatContext* out, AVPacket* pkt) {
-  sink_defer_emptying = true;
-  const int e = av_interleaved_write_frame(out, pkt);
-  sink_defer_emptying = false;
-  sink_flush(*run_sink);
+  int e = 0;
+  {
+    const sink_muxer_call one_call(*run_sink);
+    e = av_interleaved_write_frame(out, pkt);
+  }
   if (e < 0) report_ff_failure("Failed to write A/V packet. ", e);
 }
 
@@ -473,6 +450,18 @@ void relay_packets(input_side& in, output_side& out) {
     fprintf(stderr, "Standard output failed (%s). exiting.\n", strerror(sink_output_error));
 }
 
+// Served straight from a socket (inetd style, systemd's Accept=yes),
+// standard input is the client's connection, holding its request, which the
+// relay never reads. Closing a socket with unread data resets the connection,
+// and the client may then lose the stream's last bytes: drop what it sent.
+void drop_client_request() {
+  struct stat st;
+  if (fstat(0, &st) != 0 || !S_ISSOCK(st.st_mode)) return;
+  char buf[4096];
+  for (int i = 0; i < 64 && recv(0, buf, sizeof buf, MSG_DONTWAIT) > 0; ++i) {
+  }
+}
+
 [[noreturn]] void clean_up(input_side& in, output_side& out) {
   alarm(watchdog_seconds);
   av_packet_unref(out.packet);
@@ -485,6 +474,7 @@ void relay_packets(input_side& in, output_side& out) {
   out.ctx = nullptr;
   av_bsf_free(&out.annexb_filter);
   av_packet_free(&out.filtered);
+  drop_client_request();
   end_run(0);
 }
 
@@ -505,8 +495,7 @@ void restore_default_signals() {
 
 int main(int argc, char** argv) {
   restore_default_signals();
-  vtt_608_context = webvtt_conv_context_start();
-  vtt_708_context = webvtt_conv_context_start();
+  caption_contexts_start();
   my_avio_ctx sink;
   run_sink = &sink;
 

@@ -21,7 +21,6 @@
 constexpr uint16_t caption_pid = 0x1FFE;
 constexpr char caption_magic[] = "MOLVAR:VTT";  // 10 bytes on the wire, then a 00
 constexpr size_t caption_magic_size = 10;
-constexpr size_t ts_packet_size = 188;
 constexpr size_t caption_first_packet_room = 171;  // after header, magic, 00 and L
 constexpr size_t caption_next_packet_room = 184;
 

@@ -15,18 +15,18 @@ std::string format_text(const char* fmt, unsigned long long a, unsigned long lon
   return buf;
 }
 
-// A zero-terminated field; 0 when its terminator is inside the payload.
-int read_field(byte_reader& r, std::string& out) {
+// A zero-terminated field; false when its terminator is not inside the payload.
+bool read_field(byte_reader& r, std::string& out) {
   const size_t left = reader_left(r);
   const void* nul = memchr(r.data + r.pos, 0, left);
   if (!nul) {
     r.failed = true;
-    return 1;
+    return false;
   }
   const size_t len = static_cast<size_t>(static_cast<const unsigned char*>(nul) - (r.data + r.pos));
   out.assign(reinterpret_cast<const char*>(r.data + r.pos), len);
   r.pos += len + 1;
-  return 0;
+  return true;
 }
 
 bool all_zero(const unsigned char* p, size_t n) {
@@ -42,18 +42,18 @@ int64_t advance(uint64_t& clock, uint16_t step) {
 
 }  // namespace
 
-int read_caption_payload(const unsigned char* p, size_t n, caption_event_record& ev, std::string& problem) {
+bool read_caption_payload(const unsigned char* p, size_t n, caption_event_record& ev, std::string& problem) {
   ev = caption_event_record();
   byte_reader r = make_byte_reader(p, n);
   ev.start = get_i64le(r);
   ev.end = get_i64le(r);
   if (r.failed) {
     problem = format_text("payload of %llu bytes is shorter than its times", n);
-    return 1;
+    return false;
   }
-  if (read_field(r, ev.identifier) || read_field(r, ev.settings) || read_field(r, ev.text)) {
+  if (!read_field(r, ev.identifier) || !read_field(r, ev.settings) || !read_field(r, ev.text)) {
     problem = "identifier, settings or text without its zero byte";
-    return 1;
+    return false;
   }
 
   ev.lead608 = get_u16le(r);
@@ -61,7 +61,7 @@ int read_caption_payload(const unsigned char* p, size_t n, caption_event_record&
   for (;;) {
     if (!reader_has(r, 4)) {
       problem = "CEA-608 section without its end mark";
-      return 1;
+      return false;
     }
     if (all_zero(r.data + r.pos, 4)) {
       r.pos += 4;
@@ -79,7 +79,7 @@ int read_caption_payload(const unsigned char* p, size_t n, caption_event_record&
   for (;;) {
     if (!reader_has(r, 5)) {
       problem = "CEA-708 section without its end mark";
-      return 1;
+      return false;
     }
     if (all_zero(r.data + r.pos, 5)) {
       r.pos += 5;
@@ -94,9 +94,9 @@ int read_caption_payload(const unsigned char* p, size_t n, caption_event_record&
 
   if (r.pos != n) {
     problem = format_text("%llu bytes after the CEA-708 end mark", n - r.pos);
-    return 1;
+    return false;
   }
-  return 0;
+  return true;
 }
 
 namespace {
@@ -105,7 +105,7 @@ void finish_event(caption_stream_reader& r, caption_read_output& out) {
   r.in_event = false;
   caption_event_record ev;
   std::string problem;
-  if (read_caption_payload(r.payload.data(), r.payload.size(), ev, problem) == 0)
+  if (read_caption_payload(r.payload.data(), r.payload.size(), ev, problem))
     out.events.push_back(std::move(ev));
   else
     out.problems.push_back("caption event malformed: " + problem);

@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "v2/captions/ts_packet.h"
+
 struct caption_pair_at {
   int64_t time_ms = 0;
   uint8_t b0 = 0;
@@ -34,9 +36,9 @@ struct caption_event_record {
   std::vector<caption_word_at> cc708;
 };
 
-// Parses one caption event payload. Returns 0 and fills `ev` when it is
-// well formed, else 1 with the reason in `problem`.
-int read_caption_payload(const unsigned char* p, size_t n, caption_event_record& ev, std::string& problem);
+// Parses one caption event payload. True with `ev` filled when it is well
+// formed, else false with the reason in `problem`.
+bool read_caption_payload(const unsigned char* p, size_t n, caption_event_record& ev, std::string& problem);
 
 // Reassembly state over the PID 0x1FFE packets of one stream.
 struct caption_stream_reader {
@@ -68,7 +70,7 @@ struct ts_splitter {
   bool in_sync = false;
 };
 
-using ts_packet = std::array<unsigned char, 188>;
+using ts_packet = std::array<unsigned char, ts_packet_size>;
 
 // Adds `n` bytes (`eof` when they are the last) and appends every whole
 // packet to `packets`; a loss of sync adds a message to `problems`.

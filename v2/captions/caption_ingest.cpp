@@ -11,8 +11,13 @@ extern "C" {
 #include "v2/captions/captions.h"
 
 std::deque<VPVTTEvent> vtt_event_queue;
-WebVTTConvContext_v1 vtt_608_context = webvtt_conv_context_start();
-WebVTTConvContext_v1 vtt_708_context = webvtt_conv_context_start();
+WebVTTConvContext_v1 vtt_608_context;
+WebVTTConvContext_v1 vtt_708_context;
+
+void caption_contexts_start() {
+  vtt_608_context = webvtt_conv_context_start();
+  vtt_708_context = webvtt_conv_context_start();
+}
 
 namespace {
 

@@ -1,5 +1,20 @@
-// The WebVTT caption path: cue settings, caption ingestion into the event
-// queue, and the encoding of one event as transport packets on PID 0x1FFE.
+// The WebVTT caption path. A cue travels through these stages, in order:
+//
+//  1. The relay loop (v2/pelvane.cpp) hands each packet of the WebVTT stream
+//     to ingest_caption_packet (caption_ingest.cpp), while a video stream is
+//     relayed into MPEG-TS output.
+//  2. Ingestion parses the cue settings (CueSettingsStringToVTTFileEvent,
+//     cue_settings.cpp), converts the cue with WebVTTTo608 and WebVTTTo708
+//     (tolm_utils/) and appends the event to vtt_event_queue, bounded in
+//     records and bytes.
+//  3. The output sink (v2/sink/) takes the front event whenever the muxer
+//     writes whole transport packets, and splices it in front of them.
+//  4. vtt_event_ts_encode (caption_encode.cpp) turns that event into packets
+//     on PID 0x1FFE, in the format of caption_event_format.h, which
+//     pelvane-cc reads back (caption_event_reader.h).
+//
+// Stages 1 and 2 are the producing side of the queue, 3 and 4 the consuming
+// side; both run on the relay loop's one thread, so the queue has no lock.
 #pragma once
 
 #include <cstddef>
@@ -8,6 +23,7 @@
 #include <string>
 
 #include "tolm_utils/webvtt.h"
+#include "v2/captions/ts_packet.h"
 
 struct AVPacket;
 
@@ -31,15 +47,20 @@ constexpr size_t vtt_event_queue_byte_limit = 4 << 20;
 constexpr size_t vtt_event_queue_keep = 256;
 constexpr size_t vtt_event_queue_keep_bytes = vtt_event_queue_byte_limit / 4;
 
+// ---- producing side ----
+
 // Conversion state carried from cue to cue; main sets both to their start
-// value before anything else.
+// value with caption_contexts_start before anything else.
 extern WebVTTConvContext_v1 vtt_608_context;
 extern WebVTTConvContext_v1 vtt_708_context;
+void caption_contexts_start();
 
 // Builds the event for one WebVTT packet (times in milliseconds, not
 // rescaled) and appends it to vtt_event_queue. Identifier, settings and text
 // are cut to what one event can carry, in that order of precedence.
 void ingest_caption_packet(const AVPacket* pkt);
+
+// ---- consuming side ----
 
 // Continuity counter of PID 0x1FFE; runs across the whole output.
 extern uint32_t vtt_ts_continuity;

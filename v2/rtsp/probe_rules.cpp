@@ -10,22 +10,22 @@ bool session_is_usable(const session& s) {
          !s.media_list.empty();
 }
 
-int mpegts_destination(const session& s, const media& m, sockaddr_in& destination) {
-  if (m.m_media != "video" || m.m_port.empty() || m.m_proto != "RTP/AVP" || m.m_fmt != 33) return 1;
+bool mpegts_destination(const session& s, const media& m, sockaddr_in& destination) {
+  if (m.m_media != "video" || m.m_port.empty() || m.m_proto != "RTP/AVP" || m.m_fmt != 33) return false;
   sockaddr_in d;
   memset(&d, 0, sizeof d);
   d.sin_family = AF_INET;
   // "5004/2" reads as 5004; 70000 keeps its low 16 bits, 4464.
   d.sin_port = htons(static_cast<uint16_t>(strtol(m.m_port.c_str(), nullptr, 10)));
-  if (inet_pton(AF_INET, s.c_connection_address.c_str(), &d.sin_addr) != 1) return 1;
+  if (inet_pton(AF_INET, s.c_connection_address.c_str(), &d.sin_addr) != 1) return false;
   destination = d;
-  return 0;
+  return true;
 }
 
-int choose_mpegts_destination(const session& s, sockaddr_in& destination) {
+bool choose_mpegts_destination(const session& s, sockaddr_in& destination) {
   for (const media& m : s.media_list)
-    if (mpegts_destination(s, m, destination) == 0) return 0;
-  return 1;
+    if (mpegts_destination(s, m, destination)) return true;
+  return false;
 }
 
 const char* setup_transport(const sockaddr_in& destination) {
@@ -34,11 +34,11 @@ const char* setup_transport(const sockaddr_in& destination) {
   return "RTP/AVP;unicast";
 }
 
-int server_address_from_url(const std::string& url, in_addr& server) {
+bool server_address_from_url(const std::string& url, in_addr& server) {
   std::string host = url.compare(0, 7, "rtsp://") == 0 ? url.substr(7) : url;
   size_t slash = host.find('/');
   if (slash != std::string::npos) host.resize(slash);
-  return inet_pton(AF_INET, host.c_str(), &server) == 1 ? 0 : 1;
+  return inet_pton(AF_INET, host.c_str(), &server) == 1;
 }
 
 std::string dotted_quad(const in_addr& address) {

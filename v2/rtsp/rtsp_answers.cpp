@@ -14,7 +14,7 @@
 #include <cstring>
 
 #include "tolm_utils/chomp.h"
-#include "v2/rtsp/rtsp.h"
+#include "v2/rtsp/rtsp_answers.h"
 #include "v2/rtsp/rtsp_lines.h"
 
 namespace {
@@ -57,7 +57,7 @@ void read_headers(FILE* f, char* line, F on_header) {
     if (line[0] == '\0') return;
     char* name;
     char* value;
-    if (split_header_line(line, name, value) != 0) continue;
+    if (!split_header_line(line, name, value)) continue;
     fprintf(stderr, "'%s' = '%s'\n", name, value);
     on_header(name, value);
   }

@@ -5,7 +5,8 @@
 #include <curl/curl.h>
 
 #include "v2/rtsp/probe_rules.h"
-#include "v2/rtsp/rtsp.h"
+#include "v2/rtsp/rtsp_answers.h"
+#include "v2/rtsp/rtsp_exchange.h"
 #include "v2/settings.h"
 
 namespace {

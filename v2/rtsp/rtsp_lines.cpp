@@ -34,15 +34,15 @@ bool status_is_good(const rtsp_status& status) {
   return strncmp(status.protocol, "RTSP/", 5) == 0 && status.code == 200;
 }
 
-int split_header_line(char* line, char*& name, char*& value) {
+bool split_header_line(char* line, char*& name, char*& value) {
   char* colon = strchr(line, ':');
-  if (colon == nullptr) return 1;
+  if (colon == nullptr) return false;
   *colon = '\0';
   char* v = colon + 1;
   if (*v == ' ') ++v;
   name = line;
   value = v;
-  return 0;
+  return true;
 }
 
 std::vector<const char*> split_public_value(char* value) {

@@ -24,8 +24,8 @@ void parse_status_line(char* line, rtsp_status& status);
 bool status_is_good(const rtsp_status& status);
 
 // Cuts a header line at its first colon. The value loses exactly one leading
-// space if it has one. Returns 0 when split, 1 for a line without a colon.
-int split_header_line(char* line, char*& name, char*& value);
+// space if it has one. False for a line without a colon.
+bool split_header_line(char* line, char*& name, char*& value);
 
 // The four methods the probe needs from a server's Public header.
 struct rtsp_methods {

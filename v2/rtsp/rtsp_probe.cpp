@@ -12,7 +12,8 @@
 #include <cstring>
 
 #include "v2/rtsp/probe_rules.h"
-#include "v2/rtsp/rtsp.h"
+#include "v2/rtsp/rtsp_exchange.h"
+#include "v2/rtsp/rtsp_probe.h"
 #include "v2/sdp/sdp.h"
 #include "v2/settings.h"
 
@@ -61,7 +62,7 @@ int probe_with(CURL* curl) {
   if (!session_is_usable(description)) return 1;
 
   sockaddr_in destination;
-  if (choose_mpegts_destination(description, destination) != 0) return 1;
+  if (!choose_mpegts_destination(description, destination)) return 1;
   std::string destination_text = dotted_quad(destination.sin_addr);
   fprintf(stderr, "Looks like M2TS: %s:%u\n", destination_text.c_str(),
           static_cast<unsigned>(ntohs(destination.sin_port)));
@@ -69,7 +70,7 @@ int probe_with(CURL* curl) {
   if (rtsp_setup(curl, destination) != 0) return 1;
 
   in_addr server;
-  if (server_address_from_url(source_url, server) != 0) {
+  if (!server_address_from_url(source_url, server)) {
     fprintf(stderr, "Failed to parse web url IP\n");
     return 1;
   }

@@ -50,16 +50,16 @@ std::vector<std::string> split_fields(const char* value) {
 
 // An a= line's value split at its first colon. Leading spaces are skipped;
 // the name keeps any spaces before the colon, the value is taken untrimmed.
-// Returns 0 when the line has a name and a value, 1 when it is to be ignored
+// True when the line has a name and a value, false when it is to be ignored
 // (nothing after the spaces, or no colon: a flag attribute).
-int split_attribute(const char* value, std::string& name, std::string& attr_value) {
+bool split_attribute(const char* value, std::string& name, std::string& attr_value) {
   while (*value == ' ') ++value;
-  if (*value == '\0') return 1;
+  if (*value == '\0') return false;
   const char* colon = strchr(value, ':');
-  if (colon == nullptr) return 1;
+  if (colon == nullptr) return false;
   name.assign(value, static_cast<size_t>(colon - value));
   attr_value.assign(colon + 1);
-  return 0;
+  return true;
 }
 
 void read_session_line(session& s, char type, const char* value) {
@@ -74,7 +74,7 @@ void read_session_line(session& s, char type, const char* value) {
     if (f.size() > 1) s.t_end_time = strtoll(f[1].c_str(), nullptr, 10);
   } else if (type == 'a') {
     std::string name, attr_value;
-    if (split_attribute(value, name, attr_value) != 0) return;
+    if (!split_attribute(value, name, attr_value)) return;
     if (name == "control") s.a_control = attr_value;
     else if (name == "type") s.a_type = attr_value;
   }
@@ -92,7 +92,7 @@ void read_media_line(media& m, const char* value) {
 
 void read_media_attribute(media& m, const char* value) {
   std::string name, attr_value;
-  if (split_attribute(value, name, attr_value) != 0) return;
+  if (!split_attribute(value, name, attr_value)) return;
   if (name == "control") m.a_control = attr_value;
   else if (name == "fmtp") m.a_fmtp.push_back(attr_value);
   else if (name == "rtpmap") m.a_rtpmap.push_back(attr_value);

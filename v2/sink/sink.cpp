@@ -1,6 +1,5 @@
 #include "v2/sink/sink.h"
 
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -9,25 +8,23 @@
 #include "v2/captions/captions.h"
 #include "v2/invariant.h"
 #include "v2/settings.h"
+#include "v2/watchdog.h"
 
 namespace {
 
-constexpr size_t ts_packet_size = 188;
-constexpr unsigned char ts_sync_byte = 0x47;
 constexpr useconds_t idle_pass_sleep_us = 10000;
-constexpr int64_t watchdog_rearm_step_ns = 100000000;  // 100 ms
 
-// When rearm_watchdog last called alarm (CLOCK_MONOTONIC_COARSE, ns).
-int64_t last_rearm_ns = INT64_MIN / 2;
-
-// Emptying attempts that deferred writes have left to sink_flush. Making at
-// most that many keeps the waits on a slow reader what they would have been.
+bool output_held = false;      // see sink_hold_output
+bool defer_emptying = false;   // inside a sink_muxer_call
+// Emptying attempts that deferred writes have left to the end of the muxer
+// call. Making at most that many keeps the waits on a slow reader what they
+// would have been.
 size_t deferred_emptyings = 0;
 
 // Empties the window to standard output unless output is held; notes the
 // first error of the descriptor.
 long empty_window(my_avio_ctx& ctx) {
-  if (sink_output_held) return 0;
+  if (output_held) return 0;
   const long written = sliding_window_v4_empty_to_fd(ctx.out_buffer, sink_fd, 0);
   if (written < 0 && sink_output_error == 0) sink_output_error = static_cast<int>(-written);
   return written;
@@ -39,6 +36,8 @@ void splice_front_event(my_avio_ctx& ctx) {
   size_t sz = 0;
   const unsigned char* p = vtt_event_ts_encode(vtt_event_queue.front(), sz);
   if (p && sz != 0) {
+    // The assertion's text is part of the program's messages, hence the literal.
+    static_assert(ts_packet_size == 188u);
     pelvane_invariant((sz % 188u) == 0u);
     while (sz > 0) {
       const int copied = ctx.take_data(p, sz);
@@ -54,11 +53,12 @@ void splice_front_event(my_avio_ctx& ctx) {
 
 }  // namespace
 
-bool sink_output_held = false;
-bool sink_defer_emptying = false;
 int sink_output_error = 0;
 
-void sink_flush(my_avio_ctx& ctx) {
+sink_muxer_call::sink_muxer_call(my_avio_ctx& c) : ctx(c) { defer_emptying = true; }
+
+sink_muxer_call::~sink_muxer_call() {
+  defer_emptying = false;
   size_t attempts = deferred_emptyings;
   deferred_emptyings = 0;
   if (!ctx.out_buffer) return;
@@ -66,17 +66,10 @@ void sink_flush(my_avio_ctx& ctx) {
     if (empty_window(ctx) <= 0) break;
 }
 
-void rearm_watchdog() {
-  timespec ts;
-  clock_gettime(CLOCK_MONOTONIC_COARSE, &ts);
-  const int64_t now = static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
-  if (now - last_rearm_ns < watchdog_rearm_step_ns) return;
-  last_rearm_ns = now;
-  alarm(watchdog_seconds);
-}
+void sink_hold_output() { output_held = true; }
 
 void sink_release_output(my_avio_ctx& ctx) {
-  sink_output_held = false;
+  output_held = false;
   if (!ctx.out_buffer) return;
   int idle_passes = 0;
   while (ctx.out_buffer->read != ctx.out_buffer->write && idle_passes < 100) {
@@ -117,9 +110,9 @@ int my_avio_write(void* opaque, const uint8_t* buf, int n) {
     if (stop_signal_count != 0 || sink_output_error != 0) break;
     const int copied = ctx.take_data(buf + done, len - done);
     done += static_cast<size_t>(copied);
-    if (sink_defer_emptying && done == len &&
+    if (defer_emptying && done == len &&
         static_cast<size_t>(ctx.out_buffer->write - ctx.out_buffer->read) < sink_defer_limit) {
-      ++deferred_emptyings;  // sink_flush writes it out when the muxer call returns
+      ++deferred_emptyings;  // written out when the muxer call returns
       break;
     }
     const long written = empty_window(ctx);

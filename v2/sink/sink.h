@@ -19,28 +19,32 @@ struct my_avio_ctx {
   int take_data(const uint8_t* src, size_t len);
 };
 
-// While set, the sink stages bytes without writing them to standard output:
-// the relay driver holds back what the muxer writes with its header until
-// the optional HTTP response head is out, so that the head comes first.
-extern bool sink_output_held;
-
-// Writes out the bytes held so far (waits bounded as for any emptying).
+// Holding output: from sink_hold_output on, the sink stages bytes without
+// writing them to standard output; sink_release_output writes out what was
+// held (waits bounded as for any emptying) and ends the hold. The relay
+// driver holds what the muxer writes with its header until the optional
+// HTTP response head is out, so that the head comes first.
+void sink_hold_output();
 void sink_release_output(my_avio_ctx& ctx);
 
-// While set (by the relay loop, around each muxer call), a write that fits in
-// the window is only copied; sink_flush empties the window once the muxer call
-// has returned, so a packet that the muxer hands over in several pieces leaves
+// Deferred emptying for the span of one muxer call (a scoped guard): a write
+// that fits in the window is only copied, and the window is emptied when the
+// guard ends, so a packet that the muxer hands over in several pieces leaves
 // in one system call. A write that does not fit, or that leaves a pending
 // region of sink_defer_limit bytes or more, is emptied at once as usual.
 // Emptying after every piece cost one write system call per 4096 bytes, a
-// measurable share of the time spent on each relayed packet.
-extern bool sink_defer_emptying;
+// measurable share of the time spent on each relayed packet. When the guard
+// ends it makes the emptying attempts the deferred writes skipped (at most
+// one per write), stopping early when nothing is pending, an attempt writes
+// nothing (after its bounded wait) or the descriptor fails.
+struct sink_muxer_call {
+  explicit sink_muxer_call(my_avio_ctx& ctx);
+  ~sink_muxer_call();
+  sink_muxer_call(const sink_muxer_call&) = delete;
+  sink_muxer_call& operator=(const sink_muxer_call&) = delete;
+  my_avio_ctx& ctx;
+};
 constexpr size_t sink_defer_limit = 65536;  // a pipe's default capacity
-
-// Makes the emptying attempts that deferred writes skipped (at most one per
-// write), stopping early when nothing is pending, an attempt writes nothing
-// (after its bounded wait) or the descriptor fails. None while output is held.
-void sink_flush(my_avio_ctx& ctx);
 
 // The errno of the first write error of standard output other than "try
 // again" (0 while there is none). From then on the sink takes no more bytes
@@ -48,16 +52,9 @@ void sink_flush(my_avio_ctx& ctx);
 // has gone ends the run even when SIGPIPE does not.
 extern int sink_output_error;
 
-// True when n is a multiple of 188 and every 188th byte from 0 is 0x47.
+// True when n is a multiple of 188 and every 188th byte from 0 is 0x47:
+// the write stands between two transport packets (the splice test).
 bool is_whole_ts_packets(const uint8_t* buf, size_t n);
-
-// Re-arms the 30-second watchdog (alarm) for the sink and the relay loop. The
-// system call is made at most once per 100 ms (the clock read costs none), so
-// the watchdog fires between 29.9 and 30 seconds after the last progress.
-// Throttled because an alarm call on every packet and every muxer write was
-// a measurable share of the system calls made per relayed packet.
-void rearm_watchdog();
-constexpr unsigned watchdog_seconds = 30;
 
 // The AVIO write callback; `opaque` is the my_avio_ctx. Returns the count of
 // the muxer's bytes taken (never negative).
