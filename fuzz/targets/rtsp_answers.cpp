@@ -7,7 +7,7 @@
 #include <cstdint>
 
 #include "fuzz/fuzz_support.h"
-#include "v2/rtsp/rtsp.h"
+#include "v2/rtsp/rtsp_answers.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <unistd.h>
 
 #include "tests/unit/test_support.h"
-#include "v2/rtsp/rtsp.h"
+#include "v2/rtsp/rtsp_probe.h"
 #include "v2/sdp/sdp.h"
 
 namespace {
@@ -43,7 +43,7 @@ TEST(ProbeRules, DescriptionToDestination) {
     stderr_capture quiet;
     parse_sdp(s, t.lines);
     sockaddr_in d{};
-    const bool found = session_is_usable(s) && choose_mpegts_destination(s, d) == 0;
+    const bool found = session_is_usable(s) && choose_mpegts_destination(s, d);
     EXPECT_EQ(found ? dotted_quad(d.sin_addr) + ":" + std::to_string(ntohs(d.sin_port)) : "", t.destination) << t.name;
   }
 }
@@ -52,10 +52,10 @@ TEST(ProbeRules, TransportAndServerAddress) {
   for (const char* a : {"224.0.0.1", "239.255.255.255"}) EXPECT_STREQ(setup_transport(address_of(a)), "RTP/AVP;multicast");
   for (const char* a : {"240.0.0.1", "223.255.255.255"}) EXPECT_STREQ(setup_transport(address_of(a)), "RTP/AVP;unicast");
   in_addr server{};
-  EXPECT_EQ(server_address_from_url("rtsp://192.168.1.10/live", server), 0);
+  EXPECT_TRUE(server_address_from_url("rtsp://192.168.1.10/live", server));
   EXPECT_EQ(dotted_quad(server), "192.168.1.10");
   for (const char* refused : {"rtsp://192.168.1.10:8554/live", "rtsp://camera.local/x", "rtsp://u@10.0.0.1/x"})
-    EXPECT_EQ(server_address_from_url(refused, server), 1) << refused;
+    EXPECT_FALSE(server_address_from_url(refused, server)) << refused;
 }
 
 // Among every descriptor of the process, only an IPv4 connection to the server

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "tests/unit/test_support.h"
-#include "v2/rtsp/rtsp.h"
+#include "v2/rtsp/rtsp_answers.h"
 
 namespace {
 
