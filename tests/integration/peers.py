@@ -36,6 +36,7 @@ class _Server(http.server.ThreadingHTTPServer):
 # A self-signed certificate for 127.0.0.1, made once: (cert path, key path).
 def make_cert():
     cert, key = os.path.join(harness.WORK, 'pelvane-cert.pem'), os.path.join(harness.WORK, 'pelvane-key.pem')
+    os.makedirs(harness.WORK, exist_ok=True)
     with open(cert + '.lock', 'w') as lock:
         fcntl.flock(lock, fcntl.LOCK_EX)
         if not os.path.exists(cert):

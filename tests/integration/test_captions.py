@@ -60,6 +60,26 @@ for name, av in (('captions_av_vtt.mkv', 'captions_av.mkv'), ('captions_audio_vt
                                                      '-c', 'copy'])
 
 
+# Frames padded with runs of 0x47 ('G') to 20,104 bytes: with its 112-byte moof each 25-frame MP4
+# fragment then ends in a write of 19 * 188 bytes that looks like whole transport packets.
+def sync_run_h264(out):
+    h264 = subprocess.run(['ffmpeg', '-v', 'error', '-i', harness.media_path('captions_av.mkv'), '-map', '0:v', '-c',
+                           'copy', '-bsf:v', 'h264_mp4toannexb', '-f', 'h264', '-'], capture_output=True, check=True,
+                          timeout=120).stdout
+    frames, au = [], []
+    for nal in h264.split(b'\0\0\1')[1:]:
+        au.append(b'\0\0\0\1' + nal.rstrip(b'\0'))
+        if nal[0] & 0x1F in (1, 5):  # one slice per frame
+            frames, au = frames + [b''.join(au).ljust(20104, b'G')], []
+    harness.write_file(out, b''.join(frames))
+
+
+harness.register_media('sync_run.h264', sync_run_h264)
+harness.register_media('sync_run_vtt.mkv', lambda out: ['-framerate', '25', '-i', harness.media_path('sync_run.h264'),
+                                                        '-i', harness.media_path('captions.vtt'), '-map', '0', '-map',
+                                                        '1', '-c', 'copy'])
+
+
 def caption_packets(data):
     return [data[off:off + 188] for off in range(0, len(data) - 187, 188)
             if (data[off + 1] & 0x1F, data[off + 2]) == (0x1F, 0xFE)]
@@ -108,7 +128,7 @@ class Captions(harness.RelayChecks):
 
     @classmethod
     def setUpClass(cls):
-        for name in ('captions_av_vtt.mkv', 'captions_audio_vtt.mkv'):
+        for name in ('captions_av_vtt.mkv', 'captions_audio_vtt.mkv', 'sync_run_vtt.mkv'):
             harness.media_path(name)
         cls.http = peers.HttpPeer(harness.MEDIA).__enter__()
         cls.relay = harness.run_pelvane(['--url', cls.http.url('captions_av_vtt.mkv')], tag='cc-file')
@@ -153,7 +173,10 @@ class Captions(harness.RelayChecks):
         self.assertEqual([(g['text'], (g['start'], g['end'])) for g in merge_pieces(got['cc708'])],
                          [(c.want708, c.t708) for c in CUES])
 
-    def test_no_events_without_video(self):
+    def test_no_events_in_mp4_or_without_video(self):
+        mp4 = harness.run_pelvane(['--mp4', '--url', self.http.url('sync_run_vtt.mkv')], tag='cc-mp4')
+        self.assertEqual(mp4.status, 0, mp4.describe())
+        self.assertEqual(mp4.stdout.count(b'MOLVAR:VTT'), 0, mp4.describe())
         audio = harness.run_pelvane(['--url', self.http.url('captions_audio_vtt.mkv')], tag='cc-audio')
         self.assertEqual(audio.status, 0, audio.describe())
         self.assertIn('Found VTT stream.', audio.stderr, audio.describe())

@@ -5,6 +5,7 @@
 #include "tests/unit/captions/caption_test_util.h"
 #include "tests/unit/test_support.h"
 #include "v2/captions/caption_event_format.h"
+#include "v2/captions/caption_event_reader.h"
 
 namespace {
 
@@ -65,6 +66,49 @@ TEST(CaptionEncode, Packetizing) {
     }
     EXPECT_EQ(bytes(carried.begin(), carried.begin() + static_cast<long>(length)), payload);
     EXPECT_TRUE(std::all_of(carried.begin() + static_cast<long>(length), carried.end(), [](auto c) { return c == 0; }));
+  }
+}
+
+// 50 bytes besides the text: 32 fixed, two 608 entries (EOC, EDM), one DTVCC packet of two words.
+// An oversize event loses whole maps, 708 first, before its text; entry times read back exact,
+// for a cue that starts before 0 too.
+TEST(CaptionEncode, CutsAndEntryTimes) {
+  auto event = [](int64_t start, size_t text) {
+    VPVTTEvent ev = make_event(start, start + 4000, std::string(text, 'x'));
+    ev.cc608 = {{0, pair_of(0x94, 0x2F)}, {2074, pair_of(0x94, 0x2C)}};
+    ev.cc708 = {{33, {word_of(0xFF, 0x0102), word_of(0xFE, 0x0304)}}};
+    return ev;
+  };
+  const struct {
+    const char* name;
+    VPVTTEvent ev;
+    std::vector<int64_t> times;  // 608 pairs, then 708 words, as read back
+    size_t length, text;
+    const char* message;
+  } cases[] = {
+      {"cue before 0", event(-1926, 5), {0, 2074, 33, 33}, 55, 5, ""},
+      {"1 byte over: all 708 words go, 608 whole", event(1000, caption_payload_max - 49), {0, 2074}, 15986,
+       caption_payload_max - 49, "VTT event cut to 15986 bytes\n"},
+      {"both maps go before the text is cut", event(1000, caption_payload_max - 31), {}, 15995, 15963,
+       "VTT event cut to 15995 bytes\n"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    stderr_capture err;
+    const bytes packets = encode(c.ev);
+    EXPECT_EQ(err.take(), c.message);
+    ASSERT_EQ(packets.size(), caption_packet_count(c.length) * 188);
+    EXPECT_EQ(packets[15] | (packets[16] << 8), static_cast<int>(c.length));
+    bool cut = false;
+    const bytes p = payload_of(c.ev, plan_caption_payload(measure_caption_payload(c.ev), caption_payload_max, cut));
+    caption_event_record back;
+    std::string problem;
+    ASSERT_EQ(read_caption_payload(p.data(), p.size(), back, problem), 0) << problem;
+    std::vector<int64_t> times;
+    for (const caption_pair_at& pair : back.cc608) times.push_back(pair.time_ms);
+    for (const caption_word_at& word : back.cc708) times.push_back(word.time_ms);
+    EXPECT_EQ(times, c.times);
+    EXPECT_EQ(back.text.size(), c.text);
   }
 }
 

@@ -11,6 +11,8 @@ extern "C" {
 namespace {
 
 constexpr int64_t none = AV_NOPTS_VALUE;
+constexpr int64_t top = INT64_MAX;
+constexpr int64_t far = int64_t{1} << 62;
 
 struct pkt {
   int64_t pts, dts;
@@ -39,6 +41,15 @@ TEST(StampRepair, Sequences) {
       {"audio without stamps gets synthetic ones 1920 apart", true,
        {{5000, 5000, true}, {none, none, false}, {4000, 4000, true}},
        {{true, 5000, 5000}, {true, 6920, 6920}, {true, 6921, 6921}}},
+      // Stamps whose repair would not fit in 64 bits: that packet is dropped, the state kept.
+      {"a jump from 2^62 to -2^62 is bridged, pts-dts kept", false, {{far, far, true}, {5 - far, -far, false}},
+       {{true, far, far}, {true, far + 6, far + 1}}},
+      {"no dts after the largest one", false, {{top, top - 1, true}, {top, top - 1, false}, {0, top, false}},
+       {{true, top, top - 1}, {false, 0, 0}, {true, 0, top}}},
+      {"moved pts past the largest", false, {{0, 0, true}, {top, -5, false}, {3, 1, false}},
+       {{true, 0, 0}, {false, 0, 0}, {true, 3, 1}}},
+      {"no synthetic stamp past the largest", true, {{top - 1000, top - 1000, true}, {none, none, false}},
+       {{true, top - 1000, top - 1000}, {false, 0, 0}}},
   };
   for (const sequence_case& c : cases) {
     stamp_state st;
