@@ -51,11 +51,9 @@ class A53(harness.RelayChecks):
 
     @classmethod
     def setUpClass(cls):
+        harness.media_path('a53_av_vtt.mkv')
         with peers.HttpPeer(harness.MEDIA) as http:
-            for name in ('a53_av_vtt.mkv', 'captions_audio_vtt.mkv'):
-                harness.media_path(name)
             cls.relay = harness.run_pelvane(['--url', http.url('a53_av_vtt.mkv')], timeout=60, tag='a53-relay')
-            cls.audio = harness.run_pelvane(['--url', http.url('captions_audio_vtt.mkv')], timeout=60, tag='a53-au')
         cls.status, cls.out, cls.err = run_a53(cls.relay.stdout)
         cls.path = harness.write_file(harness.scratch('a53.ts'), cls.out)
 
@@ -77,17 +75,17 @@ class A53(harness.RelayChecks):
                            timeout=120)
         got = tc.read_srt(open(srt, encoding='utf-8').read()) if r.returncode == 0 else []
         self.assertEqual(len(got), len(tc.CUES), r.stderr + str(got))
-        clean = lambda t: tc.plain(re.sub(r'</?font[^>]*>|\{\\[^}]*\}', '', t).replace('\\h', ' '))  # noqa: E731
+        # Words and which of them are in italics; the decoder's own line breaks and styling aside.
+        words = lambda t: (re.sub(r'<[^>]*>|\{\\[^}]*\}', '', t).replace('\\h', ' ').split(),  # noqa: E731
+                           ' '.join(re.findall(r'<i>(.*?)</i>', t, re.S)).split())
         for (start, end, text), c in zip(got, tc.CUES):
-            self.assertEqual((clean(text), tc.italic_words(text)), (tc.plain(c.want608), tc.italic_words(c.want608)))
+            self.assertEqual(words(text), words(c.want608))
             for shown, due in ((start + first, c.t608[0] + SHIFT), (end + first, c.t608[1] + SHIFT)):
                 self.assertTrue(0 <= shown - due < FRAME_MS + 1, (c.id, shown, due))
 
     def test_muxjs_reads_608_and_708_from_the_stream(self):
-        node_path, problem = tc.muxjs_modules()
-        self.assertIsNone(problem, 'needs Debian packages nodejs and npm')
         r = subprocess.run(['node', os.path.join(harness.HERE, 'a53_muxjs_decode.js'), self.path], capture_output=True,
-                           text=True, timeout=120, env=dict(os.environ, NODE_PATH=node_path))
+                           text=True, timeout=120, env=dict(os.environ, NODE_PATH=tc.muxjs_modules()))
         self.assertEqual(r.returncode, 0, r.stderr)
         got = json.loads(r.stdout)
         # A picture shows what is due at or before its time, never earlier: mux.js gives the
@@ -102,28 +100,6 @@ class A53(harness.RelayChecks):
         self.assertEqual([g['text'] for g in svc1], [c.want708 for c in tc.CUES[:-1]])
         for g, c in zip(svc1, tc.CUES):
             self.assertTrue(on_time((g['start'], g['end']), c.t708), (g, c.t708))
-
-    def test_bad_input(self):
-        data = self.relay.stdout
-        starts = [o for o in range(0, len(data), 188) if data[o + 4:o + 14] == b'MOLVAR:VTT']
-        late = b''.join(sorted((data[o:o + 188] for o in range(0, len(data), 188)),
-                               key=lambda p: p[1:3] == b'\x5f\xfe' or p[1:3] == b'\x1f\xfe'))
-        cases = [  # input, status, what standard error says
-            (b'', 1, 'pelvane-cc: standard input is empty; there is no stream to copy\n'),
-            (os.urandom(50000), 1, 'pelvane-cc: found no audio or video in standard input.'),
-            (data[:starts[-1] + 188], 0, 'caption event incomplete'),
-            (late, 0, 'pelvane-cc: caption event at 3002 ms came after its video; dropped (later ones are '
-                      'counted)\n'),
-            (self.audio.stdout, 0, 'pelvane-cc: the stream has no video, so captions cannot be carried; copying it '
-                                   'without them\n'),
-        ]
-        for n, (data, status, message) in enumerate(cases):
-            got = run_a53(data)
-            self.assertEqual(got[0], status, (n, got[2]))
-            self.assertIn(message, got[2], n)
-            self.assertEqual(len(got[1]) % 188, 0, n)
-        self.assertGreater(len(got[1]), len(self.audio.stdout) // 2, 'the audio is copied')
-
 
 if __name__ == '__main__':
     harness.main()
