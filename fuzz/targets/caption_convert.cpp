@@ -28,11 +28,6 @@ int64_t cue_time(FuzzedDataProvider& in, int64_t last) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  fuzz_quiet_stderr();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FuzzedDataProvider in(data, size);
   WebVTTConvContext_v1 ctx608 = webvtt_conv_context_start();

@@ -71,11 +71,6 @@ void check_times(int64_t start, const Map& map, Entries entries, const Got& got)
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  fuzz_quiet_stderr();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FuzzedDataProvider in(data, size);
   vtt_ts_continuity = in.ConsumeIntegral<uint32_t>();

@@ -188,8 +188,7 @@ class Relay(harness.RelayChecks):
     # relay, runs once.
     def check_end(self, case, s, status, least, most, tail, elapsed=None):
         s.proc.wait(max(0, most - (time.monotonic() - s.proc.started)))
-        run = s.finish(0)
-        run.elapsed = elapsed or time.monotonic() - s.proc.started
+        run = s.finish(0)._replace(elapsed=elapsed or time.monotonic() - s.proc.started)
         self.assertEqual(run.status, status, case + '\n' + run.describe())
         self.assertTrue('mid-relay' in case or run.stdout == b'', case + '\n' + run.describe())
         self.assertTrue(least <= run.elapsed < most, case + '\n' + run.describe())

@@ -44,31 +44,6 @@ TEST(CaptionEncode, PayloadLayout) {
                                       "00 00  01 00 FF 22 42  00 00 FE 01 89  00 00 00 00 00"));
 }
 
-// Payload byte i is (i % 251) + 1, so no payload byte looks like padding.
-TEST(CaptionEncode, Packetizing) {
-  for (size_t length : {size_t(171), size_t(172), caption_payload_max}) {
-    SCOPED_TRACE(length);
-    bytes payload(length);
-    for (size_t i = 0; i < length; ++i) payload[i] = static_cast<unsigned char>(i % 251 + 1);
-    guarded_area area(caption_packet_area_size);
-    uint32_t continuity = 14;
-    const size_t packets = caption_packet_count(length);
-    ASSERT_EQ(write_caption_packets(area.buf.data(), area.size, payload.data(), length, continuity), packets * 188);
-    EXPECT_EQ(continuity, 14 + packets);
-    const unsigned char* p = area.buf.data();
-    EXPECT_EQ(bytes(p, p + 15), hex_bytes("47 5F FE 1E \"MOLVAR:VTT\" 00"));
-    EXPECT_EQ(p[15] | (p[16] << 8), static_cast<int>(length));
-    bytes carried(p + 17, p + 188);
-    for (size_t k = 1; k < packets; ++k) {
-      const unsigned char* q = p + k * 188;
-      EXPECT_EQ(bytes(q, q + 4), bytes({0x47, 0x1F, 0xFE, static_cast<unsigned char>(0x10 | ((14 + k) & 15))}));
-      carried.insert(carried.end(), q + 4, q + 188);
-    }
-    EXPECT_EQ(bytes(carried.begin(), carried.begin() + static_cast<long>(length)), payload);
-    EXPECT_TRUE(std::all_of(carried.begin() + static_cast<long>(length), carried.end(), [](auto c) { return c == 0; }));
-  }
-}
-
 // 50 bytes besides the text: 32 fixed, two 608 entries (EOC, EDM), one DTVCC packet of two words.
 // An oversize event loses whole maps, 708 first, before its text; entry times read back exact,
 // for a cue that starts before 0 too.
