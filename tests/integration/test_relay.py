@@ -95,14 +95,10 @@ class Relay(harness.RelayChecks):
             self.assertEqual(run.status, 0, run.describe())
             self.assertLess(run.elapsed, 2.0, run.describe())
             self.assertRelayTs(run, ['aac', 'h264'], head=harness.MIME_HEAD_TS, allow_partial_tail=True)
-        # (case, extra arguments, codecs out)
-        for case, extra, codecs in [('https, self-signed', [], ['h264', 'aac']),
-                                    ('-h 16 leaves no video to choose', ['-h', '16'], ['aac'])]:
-            with self.subTest(case=case):
-                run = harness.run_pelvane(extra + ['--ignore-ssl-errors', '--url', self.url('h264_aac.mkv')])
-                self.assertEqual(run.status, 0, run.describe())
-                self.assertTrue(run.stderr.endswith(END), run.describe())
-                self.assertRelayTs(run, codecs)
+        run = harness.run_pelvane(['--ignore-ssl-errors', '--url', self.url('h264_aac.mkv')])  # self-signed
+        self.assertEqual(run.status, 0, run.describe())
+        self.assertTrue(run.stderr.endswith(END), run.describe())
+        self.assertRelayTs(run, ['h264', 'aac'])
 
     def test_fragmented_mp4(self):
         run = harness.run_pelvane(['--mp4', '--ignore-ssl-errors', '--url', self.url('h264_aac_vtt.mkv')])
