@@ -9,20 +9,13 @@
 
 namespace {
 
-// Builds into an area of exactly `size` bytes followed by guard bytes, and
-// fails the test if anything past the area was touched.
-struct guarded_area {
-  explicit guarded_area(size_t size) : size(size), buf(size + 4096, 0xA5) {}
-  ~guarded_area() { EXPECT_TRUE(std::all_of(buf.begin() + size, buf.end(), [](auto c) { return c == 0xA5; })); }
-  size_t size;
-  bytes buf;
-};
-
+// Built into an area of exactly its size followed by guard bytes, which must stay untouched.
 bytes payload_of(const VPVTTEvent& ev, const caption_payload_keep& keep = caption_payload_keep()) {
-  guarded_area area(caption_payload_area_size);
-  byte_writer w = make_byte_writer(area.buf.data(), area.size);
+  bytes buf(caption_payload_area_size + 4096, 0xA5);
+  byte_writer w = make_byte_writer(buf.data(), caption_payload_area_size);
   const size_t n = write_caption_payload(w, ev, keep);
-  return bytes(area.buf.begin(), area.buf.begin() + static_cast<long>(n));
+  EXPECT_TRUE(std::all_of(buf.begin() + caption_payload_area_size, buf.end(), [](auto c) { return c == 0xA5; }));
+  return bytes(buf.begin(), buf.begin() + static_cast<long>(n));
 }
 
 TEST(CaptionEncode, SmallestEvent) {
