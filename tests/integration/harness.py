@@ -6,7 +6,6 @@ import collections
 import fcntl
 import json
 import os
-import random
 import resource
 import signal
 import socket

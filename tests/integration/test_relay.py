@@ -113,9 +113,9 @@ class Relay(harness.RelayChecks):
         ts = open(harness.media_path('mpeg2_mp2.ts'), 'rb').read()
         at, rnd = 188 * (len(ts) // 376), random.Random(3)
         data = ts[:at] + rnd.randbytes(300 << 10) + ts[at:at + 5000] + rnd.randbytes(64 << 10) + ts[at + 5000:-77]
-        harness.write_file(os.path.join(harness.MEDIA, 'garbled-%d.ts' % os.getpid()), data)
-        run = harness.run_pelvane(['--ignore-ssl-errors', '--url', self.url('garbled-%d.ts' % os.getpid())])
-        os.remove(os.path.join(harness.MEDIA, 'garbled-%d.ts' % os.getpid()))
+        name = 'garbled-%d.ts' % os.getpid()
+        self.addCleanup(os.remove, harness.write_file(os.path.join(harness.MEDIA, name), data))
+        run = harness.run_pelvane(['--ignore-ssl-errors', '--url', self.url(name)])
         self.assertEqual(run.status, 0, run.describe())
         self.assertTrue(run.stderr.endswith(END), run.describe())
         self.assertIsNone(harness.ts_framing_problem(run.stdout), run.describe())
@@ -228,6 +228,7 @@ class Relay(harness.RelayChecks):
                 s.proc.wait(most + 5)
                 self.check_end(case, s, status, least, most, tail, self.ended.get(case))
         self.assertNotIn('end of stream', self.stalled_runs['source stalls mid-relay'].stderr())
+
 
 if __name__ == '__main__':
     harness.main()
