@@ -1,6 +1,6 @@
-// Shared by the fuzz targets: a quiet standard error stream, and checks that
-// end the run as a crash (so libFuzzer keeps the input) with the failed
-// expression on descriptor 2.
+// Shared by the fuzz targets (each includes it once): a quiet standard error
+// stream, and checks that end the run as a crash (so libFuzzer keeps the
+// input) with the failed expression on descriptor 2.
 #pragma once
 
 #include <unistd.h>
@@ -16,9 +16,10 @@
 // report. libFuzzer and the sanitizers write to descriptor 2 directly, so
 // pointing the stream elsewhere leaves their output alone.
 // PELVANE_FUZZ_VERBOSE=1 keeps the program's messages.
-inline void fuzz_quiet_stderr() {
-  if (getenv("PELVANE_FUZZ_VERBOSE")) return;
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  if (getenv("PELVANE_FUZZ_VERBOSE")) return 0;
   if (FILE* null = fopen("/dev/null", "w")) stderr = null;
+  return 0;
 }
 
 [[noreturn]] inline void fuzz_fail(const char* file, int line, const char* what) {

@@ -15,11 +15,6 @@ bool blank(char c) { return c == ' ' || c == '\t'; }
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  fuzz_quiet_stderr();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string s(reinterpret_cast<const char*>(data), size);
   WebVTTFileEvent cue;

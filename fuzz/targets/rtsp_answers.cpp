@@ -20,11 +20,6 @@ FILE* open_capture(const uint8_t* data, size_t size, std::vector<uint8_t>& keep)
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  fuzz_quiet_stderr();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   std::vector<uint8_t> keep;

@@ -2,10 +2,10 @@
 # a test, generated media, running pelvane, sanitizer reports and readers of the output.
 # Environment (set by ctest): PELVANE_BIN, PELVANE_CC_BIN, PELVANE_WORK, PELVANE_MEDIA.
 
+import collections
 import fcntl
 import json
 import os
-import random
 import resource
 import signal
 import socket
@@ -33,8 +33,7 @@ def scratch(name):
 
 def read_file(path, text=False):
     with open(path, 'rb') as f:
-        data = f.read()
-    return data.decode('utf-8', 'replace') if text else data
+        return f.read().decode('utf-8', 'replace') if text else f.read()
 
 
 def write_file(path, data):
@@ -47,11 +46,6 @@ def free_port(host='127.0.0.1'):
     with socket.socket() as s:
         s.bind((host, 0))
         return s.getsockname()[1]
-
-
-# A random 127.x.y.z, so that runs side by side can each have port 554.
-def loopback_address():
-    return '127.%d.%d.%d' % (random.randint(1, 254), random.randint(0, 255), random.randint(2, 254))
 
 
 # A missing peer or decoder fails the test, naming what installs it.
@@ -67,15 +61,12 @@ def wait_for(predicate, timeout, step=0.05):
     return v
 
 
-def is_listening(port):
-    return 'LISTEN' in subprocess.run(['ss', '-Hltn', 'sport = :%d' % port], capture_output=True, text=True,
-                                      timeout=10).stdout
-
-
 # Asks `ss` (a connect would use up a single-client listener); gives up when proc has ended.
 def wait_listen(port, timeout=10.0, proc=None):
-    wait_for(lambda: is_listening(port) or (proc is not None and not proc.running()), timeout)
-    return is_listening(port)
+    listening = lambda: 'LISTEN' in subprocess.run(['ss', '-Hltn', 'sport = :%d' % port], capture_output=True,  # noqa
+                                                   text=True, timeout=10).stdout
+    wait_for(lambda: listening() or (proc is not None and not proc.running()), timeout)
+    return listening()
 
 
 _live = set()
@@ -84,13 +75,12 @@ _live = set()
 # A child in its own process group, killed with it on clean-up (and by the kernel if we die).
 class Proc:
 
-    def __init__(self, argv, name=None, stdin=subprocess.DEVNULL, stdout=None, stderr=None, log_path=None, env=None):
-        self.name, self.log_path = name or os.path.basename(argv[0]), log_path
-        self._log = open(log_path, 'ab') if log_path and stdout is None else None
+    def __init__(self, argv, stdin=subprocess.DEVNULL, stdout=None, stderr=None, log_path=None):
+        self.log_path, self._log = log_path, open(log_path, 'ab') if log_path and stdout is None else None
         if self._log:
             stdout, stderr = self._log, stderr or subprocess.STDOUT
         self.popen = subprocess.Popen(['setpriv', '--pdeathsig', 'KILL', '--'] + list(argv), stdin=stdin,
-                                      stdout=stdout, stderr=stderr, start_new_session=True, env=env)
+                                      stdout=stdout, stderr=stderr, start_new_session=True)
         self.pid, self.started = self.popen.pid, time.monotonic()
         _live.add(self)
 
@@ -105,22 +95,17 @@ class Proc:
             return None
 
     def send(self, sig):
-        if self.running():
-            os.kill(self.pid, sig)
+        self.running() and os.kill(self.pid, sig)
 
-    def send_group(self, sig):
-        try:
-            os.killpg(self.pid, sig)
-        except ProcessLookupError:
-            pass
+    def send_group(self, *sigs):
+        for sig in sigs:
+            self.running() and os.killpg(self.pid, sig)
 
     def stop(self, grace=3.0):
-        if self.running():
-            self.send_group(signal.SIGTERM)
-            self.send_group(signal.SIGCONT)
-            if self.wait(grace) is None:
-                self.send_group(signal.SIGKILL)
-                self.wait(5)
+        self.send_group(signal.SIGTERM, signal.SIGCONT)
+        if self.wait(grace) is None:
+            self.send_group(signal.SIGKILL)
+            self.wait(5)
         for f in (self.popen.stdout, self.popen.stderr, self._log):
             f and f.close()
         _live.discard(self)
@@ -196,10 +181,7 @@ def media_path(name):
     return path
 
 
-class Run:
-    def __init__(self, status, stdout, stderr, elapsed, argv):
-        self.status, self.stdout, self.stderr, self.elapsed, self.argv = status, stdout, stderr, elapsed, argv
-
+class Run(collections.namedtuple('Run', 'status stdout stderr elapsed argv')):
     def describe(self):
         return 'pelvane %s -> status %s after %.2f s, %d bytes out; stderr:\n%s' % (
             ' '.join(self.argv), self.status, self.elapsed, len(self.stdout), self.stderr[-3000:])
@@ -212,7 +194,7 @@ class Started:
         self.args, self.err_path = list(args), scratch(tag + '.err')
         self.out_path = None if stdout is not None else scratch(tag + '.out')
         with open(self.err_path, 'wb') as err, open(self.out_path or os.devnull, 'wb') as out:
-            self.proc = Proc([BIN] + self.args, name='pelvane', stdin=stdin, stdout=stdout or out, stderr=err)
+            self.proc = Proc([BIN] + self.args, stdin=stdin, stdout=stdout or out, stderr=err)
 
     def stderr(self):
         return read_file(self.err_path, True)
@@ -229,32 +211,25 @@ class Started:
         self.proc.wait(timeout)
         elapsed = time.monotonic() - t0
         self.proc.stop()
-        run = Run(self.proc.popen.returncode, read_file(self.out_path) if self.out_path else b'', self.stderr(),
-                  elapsed, self.args)
-        note_sanitizer_report(run)
-        return run
+        err = self.stderr()
+        # Under the sanitizers a fault shows only as a report on stderr; it fails the test that ran it.
+        hits = [err.find(m) for m in ('ERROR: AddressSanitizer', 'ERROR: LeakSanitizer', 'runtime error:') if m in err]
+        hits and _findings.append(' '.join(self.args) + ':\n' + err[min(hits):min(hits) + 6000])
+        return Run(self.proc.popen.returncode, read_file(self.out_path) if self.out_path else b'', err, elapsed,
+                   self.args)
 
 
 # Runs pelvane to its end; raises TimeoutError when it is still running after timeout seconds.
 def run_pelvane(args, timeout=60, stdin=subprocess.DEVNULL, tag='run'):
     s = Started(args, tag=tag, stdin=stdin)
     ended = s.proc.wait(timeout) is not None
-    run = s.finish(0)
-    run.elapsed = time.monotonic() - s.proc.started
+    run = s.finish(0)._replace(elapsed=time.monotonic() - s.proc.started)
     if not ended:
         raise TimeoutError('still running after %d s: %s' % (timeout, run.describe()))
     return run
 
 
-# Under the sanitizers a fault shows only as a report on stderr; it fails the test that ran it.
 _findings = []
-
-
-def note_sanitizer_report(run):
-    text = run.stderr
-    hits = [text.find(m) for m in ('ERROR: AddressSanitizer', 'ERROR: LeakSanitizer', 'runtime error:') if m in text]
-    if hits:
-        _findings.append(' '.join(run.argv) + ':\n' + text[min(hits):min(hits) + 6000])
 
 
 class _SanitizerAwareResult(unittest.TextTestResult):
@@ -263,11 +238,8 @@ class _SanitizerAwareResult(unittest.TextTestResult):
         super().startTest(test)
 
     def stopTest(self, test):
-        if _findings:
-            try:
-                raise AssertionError('sanitizer report from pelvane:\n' + '\n'.join(_findings))
-            except AssertionError:
-                self.addFailure(test, sys.exc_info())
+        _findings and self.addFailure(test, (AssertionError, AssertionError(
+            'sanitizer report from pelvane:\n' + '\n'.join(_findings)), None))
         super().stopTest(test)
 
 
@@ -281,20 +253,19 @@ def ts_framing_problem(data, allow_partial_tail=False):
     return None if bad is None else 'no sync byte at offset %d' % bad
 
 
-def ffprobe_json(path, *entries):
+def ffprobe_json(path, key, *entries):
     r = subprocess.run(['ffprobe', '-v', 'error', '-of', 'json'] + list(entries) + [path], capture_output=True,
                        text=True, timeout=120)
-    if r.returncode != 0:
-        raise AssertionError('ffprobe failed on %s: %s' % (path, r.stderr))
-    return json.loads(r.stdout or '{}')
+    assert r.returncode == 0, 'ffprobe failed on %s: %s' % (path, r.stderr)
+    return json.loads(r.stdout or '{}').get(key, [])
 
 
 def ffprobe_streams(path):
-    return ffprobe_json(path, '-show_streams').get('streams', [])
+    return ffprobe_json(path, 'streams', '-show_streams')
 
 
 def ffprobe_packets(path):
-    return ffprobe_json(path, '-show_entries', 'packet=stream_index,codec_type,dts,flags').get('packets', [])
+    return ffprobe_json(path, 'packets', '-show_entries', 'packet=stream_index,codec_type,dts,flags')
 
 
 # Every packet whose dts is missing or does not exceed its stream's previous one.

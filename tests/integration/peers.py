@@ -2,7 +2,7 @@
 # Real sources on 127.0.0.1 as context managers: HttpPeer (HTTP, or HTTPS with a throwaway
 # certificate), RtmpPeer (nginx's RTMP module fed by the ffmpeg tool; RTMPS through nginx's stream
 # module), ListenerPeer (the ffmpeg tool as a live single-client server). Standalone (the demo):
-# peers.py <http|https|rtmp|rtmps> [--media FILE] prints its URL and serves until SIGTERM.
+# peers.py <http|rtmp> [--media FILE] prints its URL and serves until SIGTERM.
 
 import fcntl
 import functools
@@ -36,6 +36,7 @@ class _Server(http.server.ThreadingHTTPServer):
 # A self-signed certificate for 127.0.0.1, made once: (cert path, key path).
 def make_cert():
     cert, key = os.path.join(harness.WORK, 'pelvane-cert.pem'), os.path.join(harness.WORK, 'pelvane-key.pem')
+    os.makedirs(harness.WORK, exist_ok=True)
     with open(cert + '.lock', 'w') as lock:
         fcntl.flock(lock, fcntl.LOCK_EX)
         if not os.path.exists(cert):
@@ -119,18 +120,16 @@ class RtmpPeer:
             self.procs.pop().stop()
 
 
-# The ffmpeg tool serving `media` live (-re) to one client: 'tcp' (MPEG-TS, listen=1) or 'http'.
+# The ffmpeg tool serving `media` live (-re, looped) as MPEG-TS over TCP to one client.
 class ListenerPeer:
 
-    def __init__(self, media, kind='tcp', loop=True, fmt='mpegts'):
-        self.media, self.kind, self.loop, self.fmt, self.port = media, kind, loop, fmt, harness.free_port()
-        self.url = 'tcp://127.0.0.1:%d' % self.port if kind == 'tcp' else 'http://127.0.0.1:%d/live.%s' % (
-            self.port, 'ts' if fmt == 'mpegts' else 'mkv')
+    def __init__(self, media, kind='tcp'):
+        self.media, self.port = media, harness.free_port()
+        self.url = 'tcp://127.0.0.1:%d' % self.port
 
     def __enter__(self):
-        self.proc = harness.Proc(['ffmpeg', '-nostdin', '-v', 'warning', '-re'] + ['-stream_loop', '-1'] * self.loop
-                                 + ['-i', self.media, '-map', '0', '-c', 'copy', '-f', self.fmt]
-                                 + (['-listen', '1', self.url] if self.kind == 'http' else [self.url + '?listen=1']),
+        self.proc = harness.Proc(['ffmpeg', '-nostdin', '-v', 'warning', '-re', '-stream_loop', '-1', '-i', self.media,
+                                  '-map', '0', '-c', 'copy', '-f', 'mpegts', self.url + '?listen=1'],
                                  log_path=harness.scratch('listener-%d.log' % self.port))
         if not harness.wait_listen(self.port, 10, self.proc):
             self.proc.stop()
@@ -140,9 +139,6 @@ class ListenerPeer:
     def stall(self):
         self.proc.send_group(signal.SIGSTOP)
 
-    def resume(self):
-        self.proc.send_group(signal.SIGCONT)
-
     def __exit__(self, *exc):
         self.proc.stop()
 
@@ -150,16 +146,9 @@ class ListenerPeer:
 if __name__ == '__main__':
     kind, media = sys.argv[1], os.path.abspath(sys.argv[3]) if len(sys.argv) > 3 else harness.media_path('h264_aac.mkv')
     stop = threading.Event()
-    signal.signal(signal.SIGTERM, lambda *_: stop.set())
-    signal.signal(signal.SIGINT, lambda *_: stop.set())
-    if kind.startswith('http'):
-        peer = HttpPeer(os.path.dirname(media), tls=kind == 'https')
-        url = lambda: peer.url(os.path.basename(media))  # noqa: E731
-    else:
-        peer = RtmpPeer(media, rtmps=kind == 'rtmps')
-        url = lambda: peer.rtmps_url if kind == 'rtmps' else peer.url  # noqa: E731
-    with peer:
-        print(url(), flush=True)
-        while not stop.wait(0.5):
-            pass
+    for sig in (signal.SIGTERM, signal.SIGINT):
+        signal.signal(sig, lambda *_: stop.set())
+    with HttpPeer(os.path.dirname(media)) if kind == 'http' else RtmpPeer(media) as peer:
+        print(peer.url(os.path.basename(media)) if kind == 'http' else peer.url, flush=True)
+        stop.wait()
     harness.stop_all()

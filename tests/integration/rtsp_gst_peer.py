@@ -41,37 +41,20 @@ class SessionConnectionMedia(GstRtspServer.RTSPMedia):
 
 def on_setup(client, ctx):
     found, transport = ctx.request.get_header(GstRtsp.RTSPHeaderField.TRANSPORT, 0)
-    print('SETUP %s %s' % (ctx.uri.get_request_uri(), transport if found == GstRtsp.RTSPResult.OK
-                           else '-'), flush=True)
-
-
-def on_client(server, client):
-    client.connect('pre-setup-request', lambda c, ctx: on_setup(c, ctx) or GstRtsp.RTSPStatusCode.OK)
-
-
-def serve(address, port):
-    server = GstRtspServer.RTSPServer()
-    server.set_address(address)
-    server.set_service(str(port))
-    mounts = server.get_mount_points()
-    for path, launch in LAUNCH.items():
-        f = GstRtspServer.RTSPMediaFactory()
-        f.set_launch(launch)
-        f.set_shared(False)
-        if path == '/ts-sessc':
-            f.set_media_gtype(SessionConnectionMedia.__gtype__)
-        mounts.add_factory(path, f)
-    server.connect('client-connected', on_client)
-    if server.attach(None) == 0:
-        sys.exit('cannot listen on %s:%s' % (address, port))
-    return server
-
-
-def main():
-    server = serve(sys.argv[1], int(sys.argv[2]))  # noqa: F841 (kept alive for the loop)
-    print('ready', flush=True)
-    GLib.MainLoop().run()
+    print('SETUP %s %s' % (ctx.uri.get_request_uri(), transport if found == GstRtsp.RTSPResult.OK else '-'),
+          flush=True)
+    return GstRtsp.RTSPStatusCode.OK
 
 
 if __name__ == '__main__':
-    main()
+    server = GstRtspServer.RTSPServer(address=sys.argv[1], service=sys.argv[2])
+    for path, launch in LAUNCH.items():
+        f = GstRtspServer.RTSPMediaFactory(launch=launch, shared=False)
+        if path == '/ts-sessc':
+            f.set_media_gtype(SessionConnectionMedia.__gtype__)
+        server.get_mount_points().add_factory(path, f)
+    server.connect('client-connected', lambda _, client: client.connect('pre-setup-request', on_setup))
+    if server.attach(None) == 0:
+        sys.exit('cannot listen on %s:%s' % (sys.argv[1], sys.argv[2]))
+    print('ready', flush=True)
+    GLib.MainLoop().run()

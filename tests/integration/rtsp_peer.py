@@ -4,6 +4,7 @@
 #   garbage   2 MiB of fixed random bytes as soon as a client connects (any scheme), then close
 #   silent    accepts and never says a word
 #   megabyte  answers every request with a megabyte-long header line, then the methods
+#   huge      as mcast, with a 1 MiB description and SETUP refused
 # Usage: rtsp_peer.py [--host H] [--port P] [--answer MODE]; prints its URL once it listens
 # (without the port when it is 554, as a redirect needs).
 
@@ -47,8 +48,11 @@ class Handler(socketserver.StreamRequestHandler):
             elif method == 'OPTIONS':
                 self.answer(cseq, headers=PUBLIC)
             elif method == 'DESCRIBE':
-                self.answer(cseq, headers='Content-Type: application/sdp\r\nContent-Length: %d\r\n' % len(MCAST_SDP),
-                            body=MCAST_SDP)
+                sdp = MCAST_SDP + ('a=x-pad:%s\r\n' % ('A' * 1014)) * 1024 * (mode == 'huge')
+                self.answer(cseq, headers='Content-Type: application/sdp\r\nContent-Length: %d\r\n' % len(sdp),
+                            body=sdp)
+            elif method == 'SETUP' and mode == 'huge':
+                self.answer(cseq, '461 Unsupported Transport')
             elif method == 'SETUP':
                 self.answer(cseq, headers='Transport: %s\r\nSession: 12345678\r\n' % transport)
             else:
@@ -71,7 +75,7 @@ def main():
     ap = argparse.ArgumentParser()
     ap.add_argument('--host', default='127.0.0.1')
     ap.add_argument('--port', type=int, default=554)
-    ap.add_argument('--answer', default='mcast', choices=['mcast', 'garbage', 'silent', 'megabyte'])
+    ap.add_argument('--answer', default='mcast', choices=['mcast', 'garbage', 'silent', 'megabyte', 'huge'])
     a = ap.parse_args()
     with Peer((a.host, a.port), a.answer) as peer:
         port = peer.server_address[1]

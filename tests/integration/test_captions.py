@@ -1,20 +1,17 @@
 # Captions end to end: WebVTT cues in a Matroska source over HTTP, relayed, then read back by
-# pelvane-cc (events as JSON, and CEA-608 decoded to SRT) and by mux.js (608 and 708; installed
-# from npm into a cache dir).
+# pelvane-cc (events as JSON, and CEA-608 decoded to SRT). Independent decoders read the same cues
+# from the video in test_a53.
 
 import collections
 import json
 import os
 import re
-import shutil
 import subprocess
 import sys
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import harness  # noqa: E402
 import peers  # noqa: E402
-
-MUXJS = ('mux.js', '7.1.0', os.path.join(os.path.expanduser('~'), '.cache', 'pelvane-npm'))
 
 # What CEA-608 shows (italics as <i>, rows joined by a line feed), when (ms) and on which rows;
 # what CEA-708 shows, and when.
@@ -60,6 +57,26 @@ for name, av in (('captions_av_vtt.mkv', 'captions_av.mkv'), ('captions_audio_vt
                                                      '-c', 'copy'])
 
 
+# Frames padded with runs of 0x47 ('G') to 20,104 bytes: with its 112-byte moof each 25-frame MP4
+# fragment then ends in a write of 19 * 188 bytes that looks like whole transport packets.
+def sync_run_h264(out):
+    h264 = subprocess.run(['ffmpeg', '-v', 'error', '-i', harness.media_path('captions_av.mkv'), '-map', '0:v', '-c',
+                           'copy', '-bsf:v', 'h264_mp4toannexb', '-f', 'h264', '-'], capture_output=True, check=True,
+                          timeout=120).stdout
+    frames, au = [], []
+    for nal in h264.split(b'\0\0\1')[1:]:
+        au.append(b'\0\0\0\1' + nal.rstrip(b'\0'))
+        if nal[0] & 0x1F in (1, 5):  # one slice per frame
+            frames, au = frames + [b''.join(au).ljust(20104, b'G')], []
+    harness.write_file(out, b''.join(frames))
+
+
+harness.register_media('sync_run.h264', sync_run_h264)
+harness.register_media('sync_run_vtt.mkv', lambda out: ['-framerate', '25', '-i', harness.media_path('sync_run.h264'),
+                                                        '-i', harness.media_path('captions.vtt'), '-map', '0', '-map',
+                                                        '1', '-c', 'copy'])
+
+
 def caption_packets(data):
     return [data[off:off + 188] for off in range(0, len(data) - 187, 188)
             if (data[off + 1] & 0x1F, data[off + 2]) == (0x1F, 0xFE)]
@@ -78,37 +95,11 @@ def read_srt(text):
         r'\d+\n(\d+):(\d+):(\d+),(\d+) --> (\d+):(\d+):(\d+),(\d+)\n(.*?)\n\n', text.strip() + '\n\n', re.S)]
 
 
-# mux.js's 708 decoder ends its cue at every window command: join contiguous pieces of one text.
-def merge_pieces(entries):
-    out = []
-    for e in entries:
-        if out and out[-1]['text'] == e['text'] and out[-1]['end'] == e['start']:
-            out[-1] = dict(out[-1], end=e['end'])
-        else:
-            out.append(dict(e))
-    return out
-
-
-# NODE_PATH holding mux.js, installed from npm into the cache dir when missing.
-def muxjs_modules():
-    name, version, cache = MUXJS
-    pkg = os.path.join(cache, 'node_modules', name, 'package.json')
-    installed = lambda: os.path.exists(pkg) and json.load(open(pkg)).get('version') == version  # noqa: E731
-    harness.require(shutil.which('node') or '/usr/bin/node', 'nodejs')
-    harness.require(shutil.which('npm') or '/usr/bin/npm', 'npm')
-    if not installed():
-        os.makedirs(cache, exist_ok=True)
-        r = subprocess.run(['npm', 'install', '--prefix', cache, '--no-audit', '--no-fund', '--loglevel=error',
-                            '%s@%s' % (name, version)], capture_output=True, text=True, timeout=300)
-        assert installed(), 'npm install %s@%s failed: %s' % (name, version, r.stderr.strip()[-500:])
-    return os.path.join(cache, 'node_modules')
-
-
 class Captions(harness.RelayChecks):
 
     @classmethod
     def setUpClass(cls):
-        for name in ('captions_av_vtt.mkv', 'captions_audio_vtt.mkv'):
+        for name in ('captions_av_vtt.mkv', 'captions_audio_vtt.mkv', 'sync_run_vtt.mkv'):
             harness.media_path(name)
         cls.http = peers.HttpPeer(harness.MEDIA).__enter__()
         cls.relay = harness.run_pelvane(['--url', cls.http.url('captions_av_vtt.mkv')], tag='cc-file')
@@ -142,18 +133,10 @@ class Captions(harness.RelayChecks):
         self.assertEqual((status, err), (0, ''))
         self.assertEqual(read_srt(out), [(c.t608[0], c.t608[1], c.want608) for c in CUES], out)
 
-    def test_muxjs_routes(self):
-        events = harness.write_file(harness.scratch('cc-events.json'), self.cc[1].encode())
-        r = subprocess.run(['node', os.path.join(harness.HERE, 'cea_muxjs_decode.js'), events], capture_output=True,
-                           text=True, timeout=120, env=dict(os.environ, NODE_PATH=muxjs_modules()))
-        self.assertEqual(r.returncode, 0, r.stderr)
-        got = json.loads(r.stdout)
-        self.assertEqual([(g['text'], (g['start'], g['end']), [r['line'] for r in g['rows']]) for g in got['cc608']],
-                         [(c.want608, c.t608, c.rows608) for c in CUES])
-        self.assertEqual([(g['text'], (g['start'], g['end'])) for g in merge_pieces(got['cc708'])],
-                         [(c.want708, c.t708) for c in CUES])
-
-    def test_no_events_without_video(self):
+    def test_no_events_in_mp4_or_without_video(self):
+        mp4 = harness.run_pelvane(['--mp4', '--url', self.http.url('sync_run_vtt.mkv')], tag='cc-mp4')
+        self.assertEqual(mp4.status, 0, mp4.describe())
+        self.assertEqual(mp4.stdout.count(b'MOLVAR:VTT'), 0, mp4.describe())
         audio = harness.run_pelvane(['--url', self.http.url('captions_audio_vtt.mkv')], tag='cc-audio')
         self.assertEqual(audio.status, 0, audio.describe())
         self.assertIn('Found VTT stream.', audio.stderr, audio.describe())

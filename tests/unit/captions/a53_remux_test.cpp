@@ -14,10 +14,8 @@ TEST(A53Remux, ClockOffsetFollowsTheVideoAcrossWraps) {
     int64_t video_pts;
     int64_t offset;
   } cases[] = {
-      {"no video yet, small time", 1000, false, 0, 0},
       {"no video yet, past one wrap", wrap / 90 + 10, false, 0, -wrap},
       {"no video yet, negative time", -10, false, 0, wrap},
-      {"video on the same clock", 1000, true, 88000, 0},
       {"video wrapped, captions not", wrap / 90 + 10, true, 1000, -wrap},
       {"video unwrapped past 2^33", wrap / 90 + 10, true, wrap + 1000, 0},
       {"video read back from a wrapped start", 3 * wrap / 90, true, 500, -3 * wrap},

@@ -5,23 +5,17 @@
 #include "tests/unit/captions/caption_test_util.h"
 #include "tests/unit/test_support.h"
 #include "v2/captions/caption_event_format.h"
+#include "v2/captions/caption_event_reader.h"
 
 namespace {
 
-// Builds into an area of exactly `size` bytes followed by guard bytes, and
-// fails the test if anything past the area was touched.
-struct guarded_area {
-  explicit guarded_area(size_t size) : size(size), buf(size + 4096, 0xA5) {}
-  ~guarded_area() { EXPECT_TRUE(std::all_of(buf.begin() + size, buf.end(), [](auto c) { return c == 0xA5; })); }
-  size_t size;
-  bytes buf;
-};
-
+// Built into an area of exactly its size followed by guard bytes, which must stay untouched.
 bytes payload_of(const VPVTTEvent& ev, const caption_payload_keep& keep = caption_payload_keep()) {
-  guarded_area area(caption_payload_area_size);
-  byte_writer w = make_byte_writer(area.buf.data(), area.size);
+  bytes buf(caption_payload_area_size + 4096, 0xA5);
+  byte_writer w = make_byte_writer(buf.data(), caption_payload_area_size);
   const size_t n = write_caption_payload(w, ev, keep);
-  return bytes(area.buf.begin(), area.buf.begin() + static_cast<long>(n));
+  EXPECT_TRUE(std::all_of(buf.begin() + caption_payload_area_size, buf.end(), [](auto c) { return c == 0xA5; }));
+  return bytes(buf.begin(), buf.begin() + static_cast<long>(n));
 }
 
 TEST(CaptionEncode, SmallestEvent) {
@@ -43,28 +37,46 @@ TEST(CaptionEncode, PayloadLayout) {
                                       "00 00  01 00 FF 22 42  00 00 FE 01 89  00 00 00 00 00"));
 }
 
-// Payload byte i is (i % 251) + 1, so no payload byte looks like padding.
-TEST(CaptionEncode, Packetizing) {
-  for (size_t length : {size_t(171), size_t(172), caption_payload_max}) {
-    SCOPED_TRACE(length);
-    bytes payload(length);
-    for (size_t i = 0; i < length; ++i) payload[i] = static_cast<unsigned char>(i % 251 + 1);
-    guarded_area area(caption_packet_area_size);
-    uint32_t continuity = 14;
-    const size_t packets = caption_packet_count(length);
-    ASSERT_EQ(write_caption_packets(area.buf.data(), area.size, payload.data(), length, continuity), packets * 188);
-    EXPECT_EQ(continuity, 14 + packets);
-    const unsigned char* p = area.buf.data();
-    EXPECT_EQ(bytes(p, p + 15), hex_bytes("47 5F FE 1E \"MOLVAR:VTT\" 00"));
-    EXPECT_EQ(p[15] | (p[16] << 8), static_cast<int>(length));
-    bytes carried(p + 17, p + 188);
-    for (size_t k = 1; k < packets; ++k) {
-      const unsigned char* q = p + k * 188;
-      EXPECT_EQ(bytes(q, q + 4), bytes({0x47, 0x1F, 0xFE, static_cast<unsigned char>(0x10 | ((14 + k) & 15))}));
-      carried.insert(carried.end(), q + 4, q + 188);
-    }
-    EXPECT_EQ(bytes(carried.begin(), carried.begin() + static_cast<long>(length)), payload);
-    EXPECT_TRUE(std::all_of(carried.begin() + static_cast<long>(length), carried.end(), [](auto c) { return c == 0; }));
+// 50 bytes besides the text: 32 fixed, two 608 entries (EOC, EDM), one DTVCC packet of two words.
+// An oversize event loses whole maps, 708 first, before its text; entry times read back exact,
+// for a cue that starts before 0 too.
+TEST(CaptionEncode, CutsAndEntryTimes) {
+  auto event = [](int64_t start, size_t text) {
+    VPVTTEvent ev = make_event(start, start + 4000, std::string(text, 'x'));
+    ev.cc608 = {{0, pair_of(0x94, 0x2F)}, {2074, pair_of(0x94, 0x2C)}};
+    ev.cc708 = {{33, {word_of(0xFF, 0x0102), word_of(0xFE, 0x0304)}}};
+    return ev;
+  };
+  const struct {
+    const char* name;
+    VPVTTEvent ev;
+    std::vector<int64_t> times;  // 608 pairs, then 708 words, as read back
+    size_t length, text;
+    const char* message;
+  } cases[] = {
+      {"cue before 0", event(-1926, 5), {0, 2074, 33, 33}, 55, 5, ""},
+      {"1 byte over: all 708 words go, 608 whole", event(1000, caption_payload_max - 49), {0, 2074}, 15986,
+       caption_payload_max - 49, "VTT event cut to 15986 bytes\n"},
+      {"both maps go before the text is cut", event(1000, caption_payload_max - 31), {}, 15995, 15963,
+       "VTT event cut to 15995 bytes\n"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    stderr_capture err;
+    const bytes packets = encode(c.ev);
+    EXPECT_EQ(err.take(), c.message);
+    ASSERT_EQ(packets.size(), caption_packet_count(c.length) * 188);
+    EXPECT_EQ(packets[15] | (packets[16] << 8), static_cast<int>(c.length));
+    bool cut = false;
+    const bytes p = payload_of(c.ev, plan_caption_payload(measure_caption_payload(c.ev), caption_payload_max, cut));
+    caption_event_record back;
+    std::string problem;
+    ASSERT_EQ(read_caption_payload(p.data(), p.size(), back, problem), 0) << problem;
+    std::vector<int64_t> times;
+    for (const caption_pair_at& pair : back.cc608) times.push_back(pair.time_ms);
+    for (const caption_word_at& word : back.cc708) times.push_back(word.time_ms);
+    EXPECT_EQ(times, c.times);
+    EXPECT_EQ(back.text.size(), c.text);
   }
 }
 

@@ -22,23 +22,14 @@ words_by_key convert(bool cea708, int64_t start, int64_t end, const char* text, 
   m.emplace(c.start, c);
   words_by_key got;
   char buf[16];
-  if (cea708) {
-    cc708_map out;
-    WebVTTTo708(out, {1000, 1}, false, WebVTTFile_v1{}, m.begin(), m.end(), 1, ctx, {30000, 1001});
-    for (const auto& [k, words] : out) {
-      for (const q7ro_cea708_word& w : words) {
-        snprintf(buf, sizeof buf, "%02X %04X", w.type, w.value);
-        got[k].push_back(buf);
-      }
-    }
-  } else {
-    cc608_map out;
-    WebVTTTo608(out, {1000, 1}, false, WebVTTFile_v1{}, m.begin(), m.end(), 1, ctx);
-    for (const auto& [k, p] : out) {
-      snprintf(buf, sizeof buf, "%02X%02X", p.b[0], p.b[1]);
-      got[k].push_back(buf);
-    }
+  cc608_map out608;
+  cc708_map out708;
+  if (cea708) WebVTTTo708(out708, {1000, 1}, false, WebVTTFile_v1{}, m.begin(), m.end(), 1, ctx, {30000, 1001});
+  else WebVTTTo608(out608, {1000, 1}, false, WebVTTFile_v1{}, m.begin(), m.end(), 1, ctx);
+  for (const auto& [k, words] : out708) {
+    for (const q7ro_cea708_word& w : words) got[k].push_back((snprintf(buf, sizeof buf, "%02X %04X", w.type, w.value), buf));
   }
+  for (const auto& [k, p] : out608) got[k].push_back((snprintf(buf, sizeof buf, "%02X%02X", p.b[0], p.b[1]), buf));
   return got;
 }
 

@@ -1,0 +1,174 @@
+// The relay's decisions as pure functions: the command line, which streams
+// are relayed, and the per-packet time-stamp repair.
+#include "v2/relay_rules.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavutil/avutil.h>
+}
+
+namespace {
+
+TEST(CommandLine, Table) {
+  const struct {
+    std::vector<const char*> args;  // after argv[0]
+    const char* message;            // "" when the run proceeds
+    bool usage;
+    int width, height;
+    const char* url;
+  } cases[] = {
+      {{}, "--url required\n", false, -1, -1, ""},
+      {{"-help"}, "", true, -1, -1, ""},
+      {{"--URL", "x"}, "Unknown switch URL\n", true, -1, -1, ""},
+      {{"--url", "x", "-w"}, "Missing value for w\n", true, -1, -1, ""},
+      {{"-h", "480", "---url", "rtmp://h/a"}, "", false, -1, 480, "rtmp://h/a"},
+      {{"-w", "640x", "--url", "x", "--url", "--mp4"}, "", false, 640, -1, "--mp4"},
+  };
+  for (const auto& c : cases) {
+    std::vector<const char*> argv{"pelvane"};
+    argv.insert(argv.end(), c.args.begin(), c.args.end());
+    run_options got;
+    const option_outcome o = parse_command_line(static_cast<int>(argv.size()), argv.data(), got);
+    const bool proceed = *c.message == 0 && !c.usage;
+    SCOPED_TRACE(c.args.empty() ? "no arguments" : c.args[0]);
+    EXPECT_EQ(o.proceed, proceed);
+    EXPECT_EQ(o.exit_status, proceed ? 0 : 1);
+    EXPECT_EQ(o.show_usage, c.usage);
+    EXPECT_EQ(o.message, c.message);
+    if (proceed) {
+      EXPECT_EQ(got.url, c.url);
+      EXPECT_EQ(std::make_pair(got.max_width, got.max_height), std::make_pair(c.width, c.height));
+    }
+  }
+}
+
+TEST(CommandLine, SchemeDispatch) {
+  const struct {
+    const char* url;
+    source_scheme want;
+  } cases[] = {
+      {"rtsp://10.0.0.1/live", scheme_rtsp}, {"rtmps://h/app", scheme_relayed}, {"tcp://127.0.0.1:9", scheme_relayed},
+      {"RTMP://h/app", scheme_refused},      {"rtsp:/h", scheme_refused},       {"rtmpt://h/app", scheme_refused},
+  };
+  for (const auto& c : cases) EXPECT_EQ(classify_source_url(c.url), c.want) << c.url;
+}
+
+stream_desc stream(int type, int codec, int w_or_rate = 0, int h = 0, bool params = true) {
+  stream_desc s;
+  s.codec_type = type;
+  s.codec_id = codec;
+  (type == AVMEDIA_TYPE_AUDIO ? s.sample_rate : s.width) = w_or_rate;
+  s.height = h;
+  s.has_params = params;
+  return s;
+}
+stream_desc video(int w, int h, int codec = AV_CODEC_ID_H264) { return stream(AVMEDIA_TYPE_VIDEO, codec, w, h); }
+stream_desc audio(int rate, int codec = AV_CODEC_ID_AAC) { return stream(AVMEDIA_TYPE_AUDIO, codec, rate); }
+
+TEST(StreamChoice, Video) {
+  const std::vector<stream_desc> two = {video(1280, 720), video(640, 360)};
+  const struct {
+    const char* name;
+    std::vector<stream_desc> streams;
+    int max_w, max_h, want;
+  } cases[] = {
+      {"limit equal to the size fits", two, 1280, 720, 0},
+      {"one pixel under: the next", two, 1279, -1, 1},
+      {"limit 17: smallest", two, 17, -1, 1},
+      {"limit 16: no video", two, -1, 16, -1},
+      {"taller wins at equal width", {video(1280, 720), video(1280, 1080)}, -1, -1, 1},
+      {"HEVC is not relayed", {video(1920, 1080, AV_CODEC_ID_HEVC)}, -1, -1, -1},
+      {"no parameters, no size: skipped", {stream(AVMEDIA_TYPE_VIDEO, AV_CODEC_ID_H264, 1920, 1080, false),
+                                           video(0, 0), video(320, 240)}, -1, -1, 2},
+  };
+  for (const auto& c : cases) EXPECT_EQ(choose_video(c.streams, c.max_w, c.max_h), c.want) << c.name;
+}
+
+TEST(StreamChoice, Audio) {
+  const struct {
+    const char* name;
+    std::vector<stream_desc> streams;
+    int video_index, best_related;
+    bool hls, mp4;
+    int want;
+    bool repaired;
+  } cases[] = {
+      {"related best taken", {video(640, 360), audio(44100), audio(48000)}, 0, 1, false, false, 1, false},
+      {"related best of a refused codec", {video(640, 360), audio(48000, AV_CODEC_ID_OPUS), audio(8000)}, 0, 1,
+       false, false, 2, false},
+      {"related best an error: highest rate", {video(640, 360), audio(32000)}, 0, AVERROR_STREAM_NOT_FOUND, false,
+       false, 1, false},
+      {"equal rates keep the lowest index", {audio(48000), audio(48000)}, -1, -1, false, false, 0, false},
+      {"zero rate only with HLS, repaired", {audio(0)}, -1, -1, true, false, 0, true},
+      {"no repair with mp4", {audio(0)}, -1, -1, true, true, -1, false},
+  };
+  for (const auto& c : cases) {
+    const audio_choice got = choose_audio(c.streams, c.video_index, c.best_related, c.hls, c.mp4);
+    EXPECT_EQ(std::make_pair(got.index, got.rate_repaired), std::make_pair(c.want, c.repaired)) << c.name;
+  }
+  EXPECT_EQ(choose_vtt({video(640, 360), stream(AVMEDIA_TYPE_SUBTITLE, AV_CODEC_ID_SUBRIP),
+                        stream(AVMEDIA_TYPE_SUBTITLE, AV_CODEC_ID_WEBVTT, 0, 0, false),
+                        stream(AVMEDIA_TYPE_SUBTITLE, AV_CODEC_ID_WEBVTT)}), 3);
+}
+
+constexpr int64_t none = AV_NOPTS_VALUE;
+constexpr int64_t top = INT64_MAX;
+constexpr int64_t far = int64_t{1} << 62;
+
+struct pkt {
+  int64_t pts, dts;
+  bool key;
+};
+struct out {
+  bool written;
+  int64_t pts, dts;
+};
+
+struct sequence_case {
+  const char* name;
+  bool audio;
+  std::vector<pkt> in;
+  std::vector<out> want;
+};
+
+TEST(StampRepair, Sequences) {
+  const sequence_case cases[] = {
+      {"dts not increasing is pushed forward, pts follows", false,
+       {{100, 100, true}, {103, 100, false}, {105, 99, false}}, {{true, 100, 100}, {true, 104, 101}, {true, 108, 102}}},
+      {"everything before the first key is dropped", false, {{10, 10, false}, {none, none, true}, {30, 30, true}},
+       {{false, 0, 0}, {false, 0, 0}, {true, 30, 30}}},
+      {"missing pts stays missing when dts moves", false, {{50, 50, true}, {none, 40, false}},
+       {{true, 50, 50}, {true, none, 51}}},
+      {"audio without stamps gets synthetic ones 1920 apart", true,
+       {{5000, 5000, true}, {none, none, false}, {4000, 4000, true}},
+       {{true, 5000, 5000}, {true, 6920, 6920}, {true, 6921, 6921}}},
+      // Stamps whose repair would not fit in 64 bits: that packet is dropped, the state kept.
+      {"a jump from 2^62 to -2^62 is bridged, pts-dts kept", false, {{far, far, true}, {5 - far, -far, false}},
+       {{true, far, far}, {true, far + 6, far + 1}}},
+      {"no dts after the largest one", false, {{top, top - 1, true}, {top, top - 1, false}, {0, top, false}},
+       {{true, top, top - 1}, {false, 0, 0}, {true, 0, top}}},
+      {"moved pts past the largest", false, {{0, 0, true}, {top, -5, false}, {3, 1, false}},
+       {{true, 0, 0}, {false, 0, 0}, {true, 3, 1}}},
+      {"no synthetic stamp past the largest", true, {{top - 1000, top - 1000, true}, {none, none, false}},
+       {{true, top - 1000, top - 1000}, {false, 0, 0}}},
+  };
+  for (const sequence_case& c : cases) {
+    stamp_state st;
+    for (size_t i = 0; i < c.in.size(); ++i) {
+      int64_t pts = c.in[i].pts, dts = c.in[i].dts;
+      const bool written = c.audio ? repair_audio_stamps(st, pts, dts, c.in[i].key)
+                                   : repair_video_stamps(st, pts, dts, c.in[i].key);
+      EXPECT_EQ(written, c.want[i].written) << c.name << ", packet " << i;
+      if (written) {
+        EXPECT_EQ(std::make_pair(pts, dts), std::make_pair(c.want[i].pts, c.want[i].dts)) << c.name << ", packet " << i;
+      }
+    }
+  }
+}
+
+}  // namespace
