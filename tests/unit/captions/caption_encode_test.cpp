@@ -71,7 +71,7 @@ TEST(CaptionEncode, CutsAndEntryTimes) {
     const bytes p = payload_of(c.ev, plan_caption_payload(measure_caption_payload(c.ev), caption_payload_max, cut));
     caption_event_record back;
     std::string problem;
-    ASSERT_EQ(read_caption_payload(p.data(), p.size(), back, problem), 0) << problem;
+    ASSERT_TRUE(read_caption_payload(p.data(), p.size(), back, problem)) << problem;
     std::vector<int64_t> times;
     for (const caption_pair_at& pair : back.cc608) times.push_back(pair.time_ms);
     for (const caption_word_at& word : back.cc708) times.push_back(word.time_ms);
