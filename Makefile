@@ -1,8 +1,8 @@
 # Entry points for users and CI. Two build directories: build/sys against
 # Debian 12's FFmpeg 5.1, build/static with a trimmed FFmpeg 7.1 built from
 # Debian 13's sources into $(FF7_PREFIX) and linked in statically. `make test`
-# also runs the suite under the sanitizers (build/asan) and each fuzz target
-# briefly (build/fuzz).
+# checks the C++ layout (.clang-format), runs the suite in both and under the
+# sanitizers (build/asan), and each fuzz target briefly (build/fuzz).
 
 FF7_PREFIX ?= $(HOME)/.cache/ff7/static
 JOBS ?= $(shell nproc)
@@ -49,7 +49,8 @@ build-fuzz: build/fuzz/build.ninja
 
 test: deps
 	@$(MAKE) --no-print-directory build static build-asan build-fuzz
-	@s=0; bash scripts/run-tests.sh build/sys build/static build/asan || s=1; \
+	@s=0; bash scripts/check-format.sh || s=1; \
+	  bash scripts/run-tests.sh build/sys build/static build/asan || s=1; \
 	  FUZZ_SECONDS=$(FUZZ_TEST_SECONDS) bash scripts/run-fuzz.sh build/fuzz || s=1; exit $$s
 
 # The developer loop, about a minute warm: the system-FFmpeg build, the unit
