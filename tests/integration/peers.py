@@ -82,7 +82,7 @@ class RtmpPeer:
 
     def __enter__(self):
         harness.require('/usr/sbin/nginx', 'nginx-light')
-        for m in ['rtmp'] + (['stream'] if self.rtmps else []):
+        for m in ['rtmp', 'stream'][:1 + self.rtmps]:
             harness.require('%s/ngx_%s_module.so' % (MODULES, m), 'libnginx-mod-' + m)
         os.makedirs(self.prefix, exist_ok=True)
         at = lambda name: os.path.join(self.prefix, name)  # noqa: E731
@@ -128,8 +128,7 @@ class ListenerPeer:
 if __name__ == '__main__':
     kind, media = sys.argv[1], os.path.abspath(sys.argv[3]) if len(sys.argv) > 3 else harness.media_path('h264_aac.mkv')
     stop = threading.Event()
-    for sig in (signal.SIGTERM, signal.SIGINT):
-        signal.signal(sig, lambda *_: stop.set())
+    [signal.signal(sig, lambda *_: stop.set()) for sig in (signal.SIGTERM, signal.SIGINT)]
     with HttpPeer(os.path.dirname(media)) if kind == 'http' else RtmpPeer(media) as peer:
         print(peer.url(os.path.basename(media)) if kind == 'http' else peer.url, flush=True)
         stop.wait()
