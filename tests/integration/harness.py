@@ -34,8 +34,7 @@ def scratch(name):
 
 
 def read_file(path, text=False):
-    data = pathlib.Path(path).read_bytes()
-    return data.decode('utf-8', 'replace') if text else data
+    return pathlib.Path(path).read_text('utf-8', 'replace') if text else pathlib.Path(path).read_bytes()
 
 
 def write_file(path, data):
@@ -201,10 +200,9 @@ class _SanitizerAwareResult(unittest.TextTestResult):
 
 # None when data is whole 188-byte packets (a cut last one allowed if asked), else what is wrong.
 def ts_framing_problem(data, allow_partial_tail=False):
-    if len(data) < 188 or (len(data) % 188 and not allow_partial_tail):
-        return 'length %d is not a whole number of packets' % len(data)
     bad = next((off for off in range(0, len(data), 188) if data[off] != 0x47), None)
-    return None if bad is None else 'no sync byte at offset %d' % bad
+    if len(data) < 188 or (len(data) % 188 and not allow_partial_tail) or bad is not None:
+        return 'length %d, first packet without a sync byte at %s' % (len(data), bad)
 
 
 def ffprobe_json(path, key, *entries):

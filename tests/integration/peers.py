@@ -132,4 +132,3 @@ if __name__ == '__main__':
     with HttpPeer(os.path.dirname(media)) if kind == 'http' else RtmpPeer(media) as peer:
         print(peer.url(os.path.basename(media)) if kind == 'http' else peer.url, flush=True)
         stop.wait()
-    harness.stop_all()

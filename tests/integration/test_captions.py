@@ -104,11 +104,9 @@ def muxjs_modules():
     name, version, cache = MUXJS
     pkg = os.path.join(cache, 'node_modules', name, 'package.json')
     installed = lambda: os.path.exists(pkg) and json.load(open(pkg)).get('version') == version  # noqa: E731
-    for tool, package in (('node', 'nodejs'), ('npm', 'npm')):
-        harness.require(shutil.which(tool) or '/usr/bin/' + tool, package)
-    r = installed() or subprocess.run(['npm', 'install', '--prefix', cache, '--no-audit', '--no-fund',
-                                       '--loglevel=error', '%s@%s' % (name, version)], capture_output=True, text=True,
-                                      timeout=300)
+    [harness.require(shutil.which(t) or '/usr/bin/' + t, p) for t, p in (('node', 'nodejs'), ('npm', 'npm'))]
+    r = installed() or subprocess.run(['npm', 'install', '--prefix', cache, '--no-audit', '--no-fund', '--loglevel',
+                                       'error', '%s@%s' % (name, version)], capture_output=True, text=True, timeout=300)
     assert installed(), 'npm install %s@%s failed: %s' % (name, version, r.stderr.strip()[-500:])
     return os.path.join(cache, 'node_modules')
 
@@ -126,9 +124,7 @@ class Captions(harness.RelayChecks):
         cls.a53 = run_cc(cls.a53_relay.stdout, '--a53')
         cls.a53_path = harness.write_file(harness.scratch('a53.ts'), cls.a53[1])
 
-    @classmethod
-    def tearDownClass(cls):
-        cls.http.__exit__()
+    tearDownClass = classmethod(lambda cls: cls.http.__exit__())
 
     def test_one_event_per_cue(self):
         run, ctx = self.relay, self.relay.describe()
@@ -172,11 +168,9 @@ class Captions(harness.RelayChecks):
     def test_a53_read_by_the_ffmpeg_caption_decoder(self):
         # The movie source starts its clock at the first picture (21 ms), hence the shift.
         first = float(harness.ffprobe_streams(self.a53_path)[0]['start_time']) * 1000
-        srt = harness.scratch('a53.srt')
-        r = subprocess.run(['ffmpeg', '-nostdin', '-v', 'error', '-y', '-f', 'lavfi', '-i',
-                            'movie=%s[out0+subcc]' % self.a53_path, '-map', '0:s', srt], capture_output=True,
-                           text=True, timeout=120)
-        got = read_srt(harness.read_file(srt, True)) if r.returncode == 0 else []
+        r = subprocess.run(['ffmpeg', '-nostdin', '-v', 'error', '-f', 'lavfi', '-i', 'movie=%s[out0+subcc]'
+                            % self.a53_path, '-map', '0:s', '-f', 'srt', '-'], capture_output=True, text=True, timeout=120)
+        got = read_srt(r.stdout) if r.returncode == 0 else []
         self.assertEqual(len(got), len(CUES), r.stderr + str(got))
         # Words and which of them are in italics; the decoder's own line breaks and styling aside.
         words = lambda t: (re.sub(r'<[^>]*>|\{\\[^}]*\}', '', t).replace('\\h', ' ').split(),  # noqa: E731

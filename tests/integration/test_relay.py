@@ -60,16 +60,12 @@ class Relay(harness.RelayChecks):
 
     @classmethod
     def tearDownClass(cls):
-        cls.http.__exit__()
-        [peer.shutdown() for peer in cls.servers.values()]
-        harness.stop_all()
+        [peer.shutdown() for peer in [cls.http.server] + list(cls.servers.values())]
 
     url = lambda self, name: self.http.url(os.path.basename(harness.media_path(name)))  # noqa: E731
 
     def start(self, args, **kw):
-        s = harness.Started(args, **kw)
-        self.addCleanup(s.proc.stop)
-        return s
+        return harness.Started(args, **kw)  # what is still running stops with the test run
 
     def test_sources_to_mpegts(self):
         with peers.RtmpPeer(rtmps=True) as rtmp:
@@ -85,8 +81,8 @@ class Relay(harness.RelayChecks):
     def test_fragmented_mp4(self):
         run = harness.run_pelvane(['--mp4', '--ignore-ssl-errors', '--url', self.url('h264_aac_vtt.mkv')])
         path = harness.write_file(harness.scratch('out.mp4'), run.stdout)
-        self.assertEqual((run.status, run.stdout[4:8], sorted(s['codec_name'] for s in harness.ffprobe_streams(
-            path)), harness.decode_errors(path)), (0, b'ftyp', ['aac', 'h264'], ''), run.describe())
+        self.assertEqual((run.status, run.stdout[4:8], sorted(s['codec_name'] for s in harness.ffprobe_streams(path)),
+                          harness.decode_errors(path)), (0, b'ftyp', ['aac', 'h264'], ''), run.describe())
 
     def test_garbled_source_keeps_being_relayed(self):
         # Garbage between two packets and inside one, and the source closing mid-packet.
@@ -135,7 +131,6 @@ class Relay(harness.RelayChecks):
         # Under a parent that ignores SIGPIPE, which an exec keeps.
         p = harness.Proc(['bash', '-c', "trap '' PIPE; exec \"$@\"", 'sh', harness.BIN, '--ignore-ssl-errors',
                           '--url', self.url('bulk.ts')], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
-        self.addCleanup(p.stop)
         self.assertTrue(p.popen.stdout.read(50000))
         p.popen.stdout.close()
         self.assertEqual(p.wait(2.0), -signal.SIGPIPE)

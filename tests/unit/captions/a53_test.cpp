@@ -58,12 +58,10 @@ TEST(A53, TakesDueTripletsForEachPicture) {
 
 TEST(A53, QueueTimesCapAndBound) {
   caption_event_record ev;
-  ev.cc608 = {{2, 0x94, 0x20}};
-  ev.cc708 = {{1, 0xFF, 0x143F}};
+  ev.cc608 = {{2, 0x94, 0x20}}, ev.cc708 = {{1, 0xFF, 0x143F}};
   a53_queue q;
   a53_queue_event(q, ev, 1000);
-  const std::vector<cc_triplet> t = a53_take_for_picture(q, 1180, {});
-  EXPECT_EQ(a53_user_data(t), hex_bytes("\"GA94\" 03 C2 FF FC 94 20 FF 14 3F FF"));
+  EXPECT_EQ(a53_user_data(a53_take_for_picture(q, 1180, {})), hex_bytes("\"GA94\" 03 C2 FF FC 94 20 FF 14 3F FF"));
 
   ev.cc708.clear(), ev.cc608.clear();
   for (int64_t i = 0; i < int64_t(a53_queue_limit) + 40; ++i) ev.cc608.push_back({i, 0x80, 0x80});

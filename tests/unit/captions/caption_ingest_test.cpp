@@ -19,17 +19,10 @@ using side_data = std::vector<std::pair<AVPacketSideDataType, std::string>>;
 // Ingests one caption packet as the demuxer delivers it; `payload` nullopt: no data at all.
 void ingest(std::optional<std::string> payload, int64_t pts, int64_t duration, const side_data& sides = {}) {
   AVPacket* pkt = av_packet_alloc();
-  if (payload) {
-    ASSERT_EQ(av_new_packet(pkt, static_cast<int>(payload->size())), 0);
-    memcpy(pkt->data, payload->data(), payload->size());
-  }
-  pkt->pts = pts;
-  pkt->duration = duration;
-  for (const auto& [type, value] : sides) {
-    uint8_t* d = av_packet_new_side_data(pkt, type, value.size());
-    ASSERT_NE(d, nullptr);
-    memcpy(d, value.data(), value.size());
-  }
+  ASSERT_EQ(payload ? av_new_packet(pkt, static_cast<int>(payload->size())) : 0, 0);
+  if (payload) memcpy(pkt->data, payload->data(), payload->size());
+  pkt->pts = pts, pkt->duration = duration;
+  for (const auto& [type, value] : sides) memcpy(av_packet_new_side_data(pkt, type, value.size()), value.data(), value.size());
   ingest_caption_packet(pkt);
   av_packet_free(&pkt);
 }
