@@ -74,4 +74,5 @@ if __name__ == '__main__':
     with Peer((a.host, a.port), a.answer) as peer:
         port = peer.server_address[1]
         print('rtsp://%s/%s' % (a.host if port == 554 else '%s:%d' % (a.host, port), a.answer), flush=True)
-        contextlib.suppress(KeyboardInterrupt)(peer.serve_forever)()
+        with contextlib.suppress(KeyboardInterrupt):
+            peer.serve_forever()
