@@ -168,8 +168,9 @@ class Captions(harness.RelayChecks):
     def test_a53_read_by_the_ffmpeg_caption_decoder(self):
         # The movie source starts its clock at the first picture (21 ms), hence the shift.
         first = float(harness.ffprobe_streams(self.a53_path)[0]['start_time']) * 1000
-        r = subprocess.run(['ffmpeg', '-nostdin', '-v', 'error', '-f', 'lavfi', '-i', 'movie=%s[out0+subcc]'
-                            % self.a53_path, '-map', '0:s', '-f', 'srt', '-'], capture_output=True, text=True, timeout=120)
+        movie = 'movie=%s[out0+subcc]' % self.a53_path
+        r = subprocess.run(['ffmpeg', '-nostdin', '-v', 'error', '-f', 'lavfi', '-i', movie, '-map', '0:s', '-f', 'srt',
+                            '-'], capture_output=True, text=True, timeout=120)
         got = read_srt(r.stdout) if r.returncode == 0 else []
         self.assertEqual(len(got), len(CUES), r.stderr + str(got))
         # Words and which of them are in italics; the decoder's own line breaks and styling aside.
