@@ -23,17 +23,13 @@ bool is_caption_block(const uint8_t* p, size_t k, bool h264, std::vector<cc_trip
   bytes want = h264 ? bytes{0, 0, 0, 1, 6, 4, uint8_t(ud.size() + 3), 0xB5, 0x00, 0x31} : bytes{0, 0, 1, 0xB2};
   want.insert(want.end(), ud.begin(), ud.end());
   if (h264) want.push_back(0x80);
-  if (k < 4) return false;
   bytes got(p, p + 4);  // the start code; after it, emulation prevention undone
   int zeros = 0;
   for (size_t i = 4; i < k; ++i) {
     if (p[i - 2] == 0 && p[i - 1] == 0 && p[i] <= (h264 ? 2 : 1)) return false;  // a start code inside
-    if (h264 && zeros >= 2 && p[i] == 3) {
-      zeros = 0;
-      continue;
-    }
-    got.push_back(p[i]);
-    zeros = p[i] == 0 ? zeros + 1 : 0;
+    const bool escape = h264 && zeros >= 2 && p[i] == 3;
+    if (!escape) got.push_back(p[i]);
+    zeros = !escape && p[i] == 0 ? zeros + 1 : 0;
   }
   return got == want;
 }
@@ -49,14 +45,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const bytes au = in.ConsumeRemainingBytes<uint8_t>();
   const bytes out = h264 ? h264_with_captions(au.data(), au.size(), t) : mpeg2_with_captions(au.data(), au.size(), t);
   if (out == au) return 0;
-  FUZZ_CHECK(!t.empty() && out.size() > au.size());
+  FUZZ_CHECK(!t.empty() && out.size() >= au.size() + 4);
   const size_t n = au.size(), k = out.size() - n;
   size_t a = 0, b = 0;  // common prefix and suffix
   while (a < n && out[a] == au[a]) ++a;
   while (b < n && out[out.size() - 1 - b] == au[n - 1 - b]) ++b;
-  FUZZ_CHECK(a + b >= n);
   bool found = false;
-  for (size_t p = n - b; p <= a && !found; ++p) found = is_caption_block(out.data() + p, k, h264, t);
-  FUZZ_CHECK(found);
+  for (size_t p = n - b; a + b >= n && p <= a && !found; ++p) found = is_caption_block(out.data() + p, k, h264, t);
+  FUZZ_CHECK(found);  // the input, with one caption block inserted somewhere
   return 0;
 }

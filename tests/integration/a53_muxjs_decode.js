@@ -8,12 +8,8 @@ const fs = require('fs');
 const muxjs = require('mux.js');
 const { TransportPacketStream, TransportParseStream, ElementaryStream, CaptionStream } = muxjs.mp2t;
 
-const packets = new TransportPacketStream();
-const parse = new TransportParseStream();
-const elementary = new ElementaryStream();
-const h264 = new muxjs.codecs.h264.H264Stream();
-const captions = new CaptionStream();
-const found = [];
+const [packets, parse, elementary] = [new TransportPacketStream(), new TransportParseStream(), new ElementaryStream()];
+const [h264, captions, found] = [new muxjs.codecs.h264.H264Stream(), new CaptionStream(), []];
 packets.pipe(parse).pipe(elementary);
 elementary.on('data', (pes) => { if (pes.type === 'video') h264.push(pes); });
 h264.on('data', (nal) => captions.push(nal));
@@ -23,7 +19,5 @@ captions.on('data', (c) => {
   found.push({ stream: c.stream, start: c.startPts / 90, end: c.endPts / 90, text, rows });
 });
 packets.push(new Uint8Array(fs.readFileSync(process.argv[2])));
-packets.flush();
-h264.flush();
-captions.flush();
+[packets, h264, captions].forEach((s) => s.flush());
 process.stdout.write(JSON.stringify(found) + '\n');

@@ -3,9 +3,11 @@
 # Environment (set by ctest): PELVANE_BIN, PELVANE_CC_BIN, PELVANE_WORK, PELVANE_MEDIA.
 
 import collections
+import contextlib
 import fcntl
 import json
 import os
+import pathlib
 import resource
 import signal
 import socket
@@ -22,36 +24,32 @@ CC_BIN = os.environ.get('PELVANE_CC_BIN') or os.path.join(REPO, 'build', 'sys', 
 MEDIA = os.environ.get('PELVANE_MEDIA') or os.path.join(REPO, 'build', 'media')
 WORK = os.environ.get('PELVANE_WORK') or tempfile.gettempdir()
 MIME_HEAD_TS = b'HTTP/1.0 200 OK\nContent-Type: video/mp2t\n\n'
+resource.setrlimit(resource.RLIMIT_CORE, (0, 0))  # runs that end by SIGABRT are expected
 
 
 # A path in a per-process directory, so parallel runs never share files.
 def scratch(name):
-    d = os.path.join(WORK, 'pelvane-p%d' % os.getpid())
-    os.makedirs(d, exist_ok=True)
-    return os.path.join(d, name)
+    os.makedirs(os.path.join(WORK, 'pelvane-p%d' % os.getpid()), exist_ok=True)
+    return os.path.join(WORK, 'pelvane-p%d' % os.getpid(), name)
 
 
 def read_file(path, text=False):
-    with open(path, 'rb') as f:
-        return f.read().decode('utf-8', 'replace') if text else f.read()
+    return pathlib.Path(path).read_text('utf-8', 'replace') if text else pathlib.Path(path).read_bytes()
 
 
 def write_file(path, data):
-    with open(path, 'wb') as f:
-        f.write(data)
+    pathlib.Path(path).write_bytes(data)
     return path
 
 
 def free_port(host='127.0.0.1'):
-    with socket.socket() as s:
-        s.bind((host, 0))
+    with socket.create_server((host, 0)) as s:
         return s.getsockname()[1]
 
 
 # A missing peer or decoder fails the test, naming what installs it.
 def require(path, package):
-    if not os.path.exists(path):
-        raise AssertionError('%s is missing: install the Debian package %s (make deps)' % (path, package))
+    assert os.path.exists(path), '%s is missing: install the Debian package %s (make deps)' % (path, package)
 
 
 def wait_for(predicate, timeout, step=0.05):
@@ -65,11 +63,10 @@ def wait_for(predicate, timeout, step=0.05):
 def wait_listen(port, timeout=10.0, proc=None):
     listening = lambda: 'LISTEN' in subprocess.run(['ss', '-Hltn', 'sport = :%d' % port], capture_output=True,  # noqa
                                                    text=True, timeout=10).stdout
-    wait_for(lambda: listening() or (proc is not None and not proc.running()), timeout)
-    return listening()
+    return wait_for(lambda: listening() or (proc is not None and not proc.running()), timeout) and listening()
 
 
-_live = set()
+_live, _findings = set(), []
 
 
 # A child in its own process group, killed with it on clean-up (and by the kernel if we die).
@@ -77,114 +74,81 @@ class Proc:
 
     def __init__(self, argv, stdin=subprocess.DEVNULL, stdout=None, stderr=None, log_path=None):
         self.log_path, self._log = log_path, open(log_path, 'ab') if log_path and stdout is None else None
-        if self._log:
-            stdout, stderr = self._log, stderr or subprocess.STDOUT
         self.popen = subprocess.Popen(['setpriv', '--pdeathsig', 'KILL', '--'] + list(argv), stdin=stdin,
-                                      stdout=stdout, stderr=stderr, start_new_session=True)
+                                      stdout=self._log or stdout, stderr=subprocess.STDOUT if self._log else stderr,
+                                      start_new_session=True)
         self.pid, self.started = self.popen.pid, time.monotonic()
         _live.add(self)
 
-    def running(self):
-        return self.popen.poll() is None
+    running = lambda self: self.popen.poll() is None  # noqa: E731
 
     # Exit status (-N for signal N), or None when still running after timeout seconds.
     def wait(self, timeout):
-        try:
+        with contextlib.suppress(subprocess.TimeoutExpired):
             return self.popen.wait(timeout=timeout)
-        except subprocess.TimeoutExpired:
-            return None
 
-    def send(self, sig):
-        self.running() and os.kill(self.pid, sig)
-
-    def send_group(self, *sigs):
-        for sig in sigs:
-            self.running() and os.killpg(self.pid, sig)
+    send = lambda self, sig, group=False: self.running() and (os.killpg if group else os.kill)(self.pid, sig)  # noqa
 
     def stop(self, grace=3.0):
-        self.send_group(signal.SIGTERM, signal.SIGCONT)
-        if self.wait(grace) is None:
-            self.send_group(signal.SIGKILL)
-            self.wait(5)
-        for f in (self.popen.stdout, self.popen.stderr, self._log):
-            f and f.close()
+        self.send(signal.SIGTERM, True), self.send(signal.SIGCONT, True)
+        self.wait(grace) is None and (self.send(signal.SIGKILL, True), self.wait(5))
+        [f.close() for f in (self.popen.stdout, self.popen.stderr, self._log) if f]
         _live.discard(self)
         return self.popen.returncode
 
-    def log_text(self):
-        return read_file(self.log_path, True) if self.log_path and os.path.exists(self.log_path) else ''
+    log_text = lambda self: read_file(self.log_path, True) if self.log_path and os.path.exists(self.log_path) else ''
 
 
 def stop_all():
-    for p in list(_live):
-        p.stop()
+    [p.stop() for p in list(_live)]
 
 
-resource.setrlimit(resource.RLIMIT_CORE, (0, 0))  # runs that end by SIGABRT are expected
-
-
-def _video(size, src='testsrc'):
-    return ['-f', 'lavfi', '-i', '%s=size=%s:rate=25' % (src, size)]
+_video = lambda size, src='testsrc': ['-f', 'lavfi', '-i', '%s=size=%s:rate=25' % (src, size)]  # noqa: E731
 
 
 TONE = ['-f', 'lavfi', '-i', 'sine=frequency=440:sample_rate=48000']
 X264 = ['-c:v', 'libx264', '-preset', 'veryfast', '-tune', 'zerolatency', '-pix_fmt', 'yuv420p', '-g', '25', '-bf', '0']
 
-SUBS_VTT = b'''WEBVTT
-
-cue-1
-00:00:00.500 --> 00:00:01.500 align:start line:90%
-First cue
-
-00:00:01.800 --> 00:00:02.800 align:end position:80%
-Second cue with <b>bold</b>
-'''
-
 # name -> function(output path) giving the ffmpeg tool's arguments before the output, or None
 # when it wrote the file itself.
 MEDIA_RECIPES = {
-    'subs.vtt': lambda out: write_file(out, SUBS_VTT) and None,
+    'subs.vtt': lambda out: write_file(out, b'WEBVTT\n\ncue-1\n00:00:00.500 --> 00:00:01.500 align:start line:90%\n'
+                                            b'First cue\n\n00:00:01.800 --> 00:00:02.800 align:end position:80%\n'
+                                            b'Second cue with <b>bold</b>\n') and None,
     'h264_aac_vtt.mkv': lambda out: ['-i', media_path('h264_aac.mkv'), '-i', media_path('subs.vtt'), '-map', '0',
                                      '-map', '1', '-c', 'copy'],
     'h264_aac.mkv': lambda out: _video('640x360') + TONE + ['-t', '5'] + X264 + ['-c:a', 'aac', '-ac', '2'],
     'audio_only.mkv': lambda out: TONE + ['-t', '4', '-c:a', 'aac', '-ac', '2'],
-    'mpeg2_mp2.ts': lambda out: _video('640x360') + TONE + ['-t', '5', '-c:v', 'mpeg2video', '-b:v', '1500k',
-                                                            '-g', '25', '-c:a', 'mp2'],
+    'mpeg2_mp2.ts': lambda out: _video('640x360') + TONE + ['-t', '5', '-c:v', 'mpeg2video', '-b:v', '1500k', '-g',
+                                                            '25', '-c:a', 'mp2'],
     # About 10 MB of MPEG-2 noise: a source far faster than a slow client.
-    'bulk.ts': lambda out: _video('640x360', 'testsrc2') + TONE + ['-t', '5', '-vf', 'noise=alls=60:allf=t',
-                                                                   '-c:v', 'mpeg2video', '-q:v', '10', '-g', '12',
-                                                                   '-c:a', 'mp2'],
+    'bulk.ts': lambda out: _video('640x360', 'testsrc2') + TONE + [
+        '-t', '5', '-vf', 'noise=alls=60:allf=t', '-c:v', 'mpeg2video', '-q:v', '10', '-g', '12', '-c:a', 'mp2'],
 }
 
 
-def register_media(name, recipe):
-    MEDIA_RECIPES.setdefault(name, recipe)
+register_media = MEDIA_RECIPES.setdefault
 
 
 # Generated media `name`, made once (under a lock) and shared by every run and build.
 def media_path(name):
     path = os.path.join(MEDIA, name)
-    if os.path.exists(path):
-        return path
     os.makedirs(MEDIA, exist_ok=True)
     with open(os.path.join(MEDIA, '.%s.lock' % name), 'w') as lock:
         fcntl.flock(lock, fcntl.LOCK_EX)
         if not os.path.exists(path):
             tmp = os.path.join(MEDIA, '.tmp-%d-%s' % (os.getpid(), name))
             args = MEDIA_RECIPES[name](tmp)
-            if args is not None:
-                r = subprocess.run(['ffmpeg', '-nostdin', '-v', 'error', '-y'] + args + [tmp], capture_output=True,
-                                   text=True, timeout=300)
-                if r.returncode != 0:
-                    raise RuntimeError('generating %s failed: %s' % (name, r.stderr))
+            r = args and subprocess.run(['ffmpeg', '-nostdin', '-v', 'error', '-y'] + args + [tmp],
+                                        capture_output=True, text=True, timeout=300)
+            assert not r or r.returncode == 0, 'generating %s failed: %s' % (name, r.stderr)
             os.replace(tmp, path)
     return path
 
 
 class Run(collections.namedtuple('Run', 'status stdout stderr elapsed argv')):
-    def describe(self):
-        return 'pelvane %s -> status %s after %.2f s, %d bytes out; stderr:\n%s' % (
-            ' '.join(self.argv), self.status, self.elapsed, len(self.stdout), self.stderr[-3000:])
+    describe = lambda self: 'pelvane %s -> status %s after %.2f s, %d bytes out; stderr:\n%s' % (  # noqa: E731
+        ' '.join(self.argv), self.status, self.elapsed, len(self.stdout), self.stderr[-3000:])
 
 
 # pelvane in the background, stdout and stderr in files (or stdout given, e.g. a pipe).
@@ -192,25 +156,22 @@ class Started:
 
     def __init__(self, args, stdout=None, tag='run', stdin=subprocess.DEVNULL):
         self.args, self.err_path = list(args), scratch(tag + '.err')
-        self.out_path = None if stdout is not None else scratch(tag + '.out')
+        self.out_path = stdout is None and scratch(tag + '.out')
         with open(self.err_path, 'wb') as err, open(self.out_path or os.devnull, 'wb') as out:
             self.proc = Proc([BIN] + self.args, stdin=stdin, stdout=stdout or out, stderr=err)
 
-    def stderr(self):
-        return read_file(self.err_path, True)
+    stderr = lambda self: read_file(self.err_path, True)  # noqa: E731
 
     def output_reaches(self, n, timeout):
-        size = lambda: os.path.getsize(self.out_path)  # noqa: E731
-        return wait_for(lambda: size() >= n or not self.proc.running(), timeout) and self.proc.running()
+        return wait_for(lambda: os.path.getsize(self.out_path) >= n or not self.proc.running(),
+                        timeout) and self.proc.running()
 
     # Sends sig, waits, stops; a Run whose elapsed counts from here.
     def finish(self, timeout=10, sig=None):
         t0 = time.monotonic()
-        if sig is not None:
-            self.proc.send(sig)
+        sig is not None and self.proc.send(sig)
         self.proc.wait(timeout)
-        elapsed = time.monotonic() - t0
-        self.proc.stop()
+        elapsed, _ = time.monotonic() - t0, self.proc.stop()
         err = self.stderr()
         # Under the sanitizers a fault shows only as a report on stderr; it fails the test that ran it.
         hits = [err.find(m) for m in ('ERROR: AddressSanitizer', 'ERROR: LeakSanitizer', 'runtime error:') if m in err]
@@ -229,28 +190,19 @@ def run_pelvane(args, timeout=60, stdin=subprocess.DEVNULL, tag='run'):
     return run
 
 
-_findings = []
-
-
 class _SanitizerAwareResult(unittest.TextTestResult):
-    def startTest(self, test):
-        del _findings[:]
-        super().startTest(test)
-
     def stopTest(self, test):
         _findings and self.addFailure(test, (AssertionError, AssertionError(
             'sanitizer report from pelvane:\n' + '\n'.join(_findings)), None))
+        del _findings[:]
         super().stopTest(test)
 
 
 # None when data is whole 188-byte packets (a cut last one allowed if asked), else what is wrong.
 def ts_framing_problem(data, allow_partial_tail=False):
-    if len(data) < 188:
-        return 'not one whole packet (%d bytes)' % len(data)
-    if len(data) % 188 and not allow_partial_tail:
-        return 'length %d is not a multiple of 188' % len(data)
     bad = next((off for off in range(0, len(data), 188) if data[off] != 0x47), None)
-    return None if bad is None else 'no sync byte at offset %d' % bad
+    if len(data) < 188 or (len(data) % 188 and not allow_partial_tail) or bad is not None:
+        return 'length %d, first packet without a sync byte at %s' % (len(data), bad)
 
 
 def ffprobe_json(path, key, *entries):
@@ -260,22 +212,18 @@ def ffprobe_json(path, key, *entries):
     return json.loads(r.stdout or '{}').get(key, [])
 
 
-def ffprobe_streams(path):
-    return ffprobe_json(path, 'streams', '-show_streams')
-
-
-def ffprobe_packets(path):
-    return ffprobe_json(path, 'packets', '-show_entries', 'packet=stream_index,codec_type,dts,flags')
+ffprobe_streams = lambda path: ffprobe_json(path, 'streams', '-show_streams')  # noqa: E731
+ffprobe_packets = lambda path: ffprobe_json(path, 'packets', '-show_entries',  # noqa: E731
+                                            'packet=stream_index,codec_type,dts,flags')
 
 
 # Every packet whose dts is missing or does not exceed its stream's previous one.
 def dts_problems(packets):
     last, problems = {}, []
     for n, p in enumerate(packets):
-        s, dts = p.get('stream_index'), p.get('dts')
-        if dts is None or (s in last and dts <= last[s]):
-            problems.append('stream %s packet %d: dts %s after %s' % (s, n, dts, last.get(s)))
-        last[s] = dts if dts is not None else last.get(s)
+        s, dts, before = p.get('stream_index'), p.get('dts'), last.get(p.get('stream_index'))
+        (dts is None or before is not None and dts <= before) and problems.append((s, n, dts, before))
+        last[s] = before if dts is None else dts
     return problems
 
 
@@ -286,9 +234,8 @@ def decode_errors(path):
     r = subprocess.run(['ffmpeg', '-nostdin', '-hide_banner', '-v', 'error', '-i', path, '-enc_time_base', '-1',
                         '-f', 'null', '-'], capture_output=True, text=True, timeout=180)
     lines = (r.stdout + r.stderr).splitlines()
-    keep = [line for n, line in enumerate(lines) if 'non monotonically increasing dts' not in line and not (
-        'Last message repeated' in line and n and 'non monotonically' in lines[n - 1])]
-    return '\n'.join(keep).strip()
+    return '\n'.join(line for n, line in enumerate(lines) if 'non monotonically increasing dts' not in line and not (
+        'Last message repeated' in line and n and 'non monotonically' in lines[n - 1])).strip()
 
 
 class RelayChecks(unittest.TestCase):
@@ -298,15 +245,13 @@ class RelayChecks(unittest.TestCase):
     def assertRelayTs(self, run_or_data, codecs, head=None, allow_partial_tail=False, name='out'):
         data = run_or_data.stdout if isinstance(run_or_data, Run) else run_or_data
         ctx = run_or_data.describe() if isinstance(run_or_data, Run) else ''
-        if head is not None:
-            self.assertEqual(data[:len(head)], head, ctx)
-            data = data[len(head):]
+        self.assertEqual(data[:len(head or b'')], head or b'', ctx)
+        data = data[len(head or b''):]
         self.assertIsNone(ts_framing_problem(data, allow_partial_tail), ctx)
         path = write_file(scratch(name + '.ts'), data)
         self.assertEqual(sorted(s.get('codec_name') for s in ffprobe_streams(path)), sorted(codecs), ctx)
         packets = ffprobe_packets(path)
-        self.assertTrue(packets, ctx)
-        self.assertEqual(dts_problems(packets)[:5], [], ctx)
+        self.assertEqual((bool(packets), dts_problems(packets)[:5]), (True, []), ctx)
         video = [p for p in packets if p.get('codec_type') == 'video']
         self.assertTrue(not video or video[0].get('flags', '').startswith('K'), 'first video packet not key\n' + ctx)
         self.assertEqual(decode_errors(path), '', ctx)
@@ -314,8 +259,7 @@ class RelayChecks(unittest.TestCase):
 
 
 def main():
-    ldd = subprocess.run(['ldd', BIN], capture_output=True, text=True).stdout
-    sys.stderr.write('pelvane under test: %s\n%s\n' % (BIN, ''.join(x for x in ldd.splitlines() if 'avformat' in x)))
+    sys.stderr.write('pelvane under test: %s\n' % BIN)
     try:
         unittest.main(verbosity=2, testRunner=unittest.TextTestRunner(resultclass=_SanitizerAwareResult, verbosity=2))
     finally:

@@ -20,23 +20,16 @@ import harness  # noqa: E402
 
 
 class _Handler(http.server.SimpleHTTPRequestHandler):
-    extensions_map = dict(http.server.SimpleHTTPRequestHandler.extensions_map, **{'.ts': 'video/mp2t'})
-
-    def log_message(self, fmt, *args):
-        pass
+    extensions_map, log_message = {'.ts': 'video/mp2t'}, lambda *_: None
 
 
 class _Server(http.server.ThreadingHTTPServer):
-    daemon_threads = True
-
-    def handle_error(self, request, client_address):
-        pass  # a client that hangs up mid-file is ordinary here
+    daemon_threads, handle_error = True, lambda *_: None  # a client that hangs up mid-file is ordinary here
 
 
 # A self-signed certificate for 127.0.0.1, made once: (cert path, key path).
 def make_cert():
-    cert, key = os.path.join(harness.WORK, 'pelvane-cert.pem'), os.path.join(harness.WORK, 'pelvane-key.pem')
-    os.makedirs(harness.WORK, exist_ok=True)
+    cert, key = harness.scratch('../pelvane-cert.pem'), harness.scratch('../pelvane-key.pem')
     with open(cert + '.lock', 'w') as lock:
         fcntl.flock(lock, fcntl.LOCK_EX)
         if not os.path.exists(cert):
@@ -51,8 +44,7 @@ class HttpPeer:
     def __init__(self, directory=None, tls=False, port=None):
         self.directory, self.tls, self.port = directory or harness.MEDIA, tls, port or harness.free_port()
 
-    def url(self, name):
-        return '%s://127.0.0.1:%d/%s' % ('https' if self.tls else 'http', self.port, name)
+    url = lambda self, name: '%s://127.0.0.1:%d/%s' % ('https' if self.tls else 'http', self.port, name)  # noqa
 
     def __enter__(self):
         self.server = _Server(('127.0.0.1', self.port), functools.partial(_Handler, directory=self.directory))
@@ -64,10 +56,10 @@ class HttpPeer:
         return self
 
     def __exit__(self, *exc):
-        self.server.shutdown()
-        self.server.server_close()
+        self.server.shutdown(), self.server.server_close()
 
 
+LOOP = ['ffmpeg', '-nostdin', '-v', 'warning', '-re', '-stream_loop', '-1', '-i']
 MODULES = '/usr/lib/nginx/modules'
 NGINX_CONF = """load_module {m}/ngx_rtmp_module.so; {stream_module} daemon off; master_process off; {user}
 pid {prefix}/nginx.pid; error_log {prefix}/error.log info; events {{ worker_connections 128; }} {stream}
@@ -90,54 +82,44 @@ class RtmpPeer:
 
     def __enter__(self):
         harness.require('/usr/sbin/nginx', 'nginx-light')
-        for m in ['rtmp'] + (['stream'] if self.rtmps else []):
+        for m in ['rtmp', 'stream'][:1 + self.rtmps]:
             harness.require('%s/ngx_%s_module.so' % (MODULES, m), 'libnginx-mod-' + m)
         os.makedirs(self.prefix, exist_ok=True)
+        at = lambda name: os.path.join(self.prefix, name)  # noqa: E731
         cert, key = make_cert() if self.rtmps else ('', '')
-        conf = harness.write_file(os.path.join(self.prefix, 'nginx.conf'), NGINX_CONF.format(
+        conf = harness.write_file(at('nginx.conf'), NGINX_CONF.format(
             m=MODULES, prefix=self.prefix, port=self.port, user='user root;' if os.geteuid() == 0 else '',
             stream_module='load_module %s/ngx_stream_module.so;' % MODULES if self.rtmps else '',
             stream=NGINX_TLS.format(tls_port=self.tls_port, port=self.port, cert=cert, key=key) if self.rtmps else '',
         ).encode())
-        log = lambda: harness.read_file(os.path.join(self.prefix, 'error.log'), True)  # noqa: E731
-        try:
-            self.procs.append(harness.Proc(['/usr/sbin/nginx', '-p', self.prefix, '-e', os.path.join(self.prefix, 'error.log'), '-c', conf],
-                                           log_path=os.path.join(self.prefix, 'nginx.out')))
-            for port in [self.port] + ([self.tls_port] if self.rtmps else []):
-                assert harness.wait_listen(port, 10, self.procs[0]), 'nginx not listening:\n' + log()[-3000:]
-            self.procs.append(harness.Proc(['ffmpeg', '-nostdin', '-v', 'warning', '-re', '-stream_loop', '-1', '-i',
-                                            self.media, '-c', 'copy', '-f', 'flv', self.url],
-                                           log_path=os.path.join(self.prefix, 'publisher.log')))
-            assert harness.wait_for(lambda: "publish: name='test'" in log(), 10), 'no publisher:\n' + log()[-3000:]
-            time.sleep(0.5)  # the first key frame and the stream's headers reach nginx
-        except BaseException:
-            self.__exit__()
-            raise
+        log = lambda: harness.read_file(at('error.log'), True)  # noqa: E731
+        # On a failure here, what was started ends with the test run (harness.stop_all).
+        self.procs.append(harness.Proc(['/usr/sbin/nginx', '-p', self.prefix, '-e', at('error.log'), '-c', conf],
+                                       log_path=at('nginx.out')))
+        for port in [self.port] + ([self.tls_port] if self.rtmps else []):
+            assert harness.wait_listen(port, 10, self.procs[0]), 'nginx not listening:\n' + log()[-3000:]
+        self.procs.append(harness.Proc(LOOP + [self.media, '-c', 'copy', '-f', 'flv', self.url],
+                                       log_path=at('publisher.log')))
+        assert harness.wait_for(lambda: "publish: name='test'" in log(), 10), 'no publisher:\n' + log()[-3000:]
+        time.sleep(0.5)  # the first key frame and the stream's headers reach nginx
         return self
 
     def __exit__(self, *exc):
-        while self.procs:
-            self.procs.pop().stop()
+        [p.stop() for p in reversed(self.procs)]
 
 
 # The ffmpeg tool serving `media` live (-re, looped) as MPEG-TS over TCP to one client.
 class ListenerPeer:
 
-    def __init__(self, media, kind='tcp'):
+    def __init__(self, media):
         self.media, self.port = media, harness.free_port()
         self.url = 'tcp://127.0.0.1:%d' % self.port
 
     def __enter__(self):
-        self.proc = harness.Proc(['ffmpeg', '-nostdin', '-v', 'warning', '-re', '-stream_loop', '-1', '-i', self.media,
-                                  '-map', '0', '-c', 'copy', '-f', 'mpegts', self.url + '?listen=1'],
+        self.proc = harness.Proc(LOOP + [self.media, '-map', '0', '-c', 'copy', '-f', 'mpegts', self.url + '?listen=1'],
                                  log_path=harness.scratch('listener-%d.log' % self.port))
-        if not harness.wait_listen(self.port, 10, self.proc):
-            self.proc.stop()
-            raise AssertionError('ffmpeg listener not listening:\n' + self.proc.log_text())
+        assert harness.wait_listen(self.port, 10, self.proc), 'ffmpeg not listening:\n' + self.proc.log_text()
         return self
-
-    def stall(self):
-        self.proc.send_group(signal.SIGSTOP)
 
     def __exit__(self, *exc):
         self.proc.stop()
@@ -146,9 +128,7 @@ class ListenerPeer:
 if __name__ == '__main__':
     kind, media = sys.argv[1], os.path.abspath(sys.argv[3]) if len(sys.argv) > 3 else harness.media_path('h264_aac.mkv')
     stop = threading.Event()
-    for sig in (signal.SIGTERM, signal.SIGINT):
-        signal.signal(sig, lambda *_: stop.set())
+    [signal.signal(sig, lambda *_: stop.set()) for sig in (signal.SIGTERM, signal.SIGINT)]
     with HttpPeer(os.path.dirname(media)) if kind == 'http' else RtmpPeer(media) as peer:
         print(peer.url(os.path.basename(media)) if kind == 'http' else peer.url, flush=True)
         stop.wait()
-    harness.stop_all()

@@ -29,13 +29,10 @@ LAUNCH = {
 class SessionConnectionMedia(GstRtspServer.RTSPMedia):
     def do_setup_sdp(self, sdp, info):
         ok = GstRtspServer.RTSPMedia.do_setup_sdp(self, sdp, info)
-        if ok:
-            sdp.set_connection('IN', 'IP4', sys.argv[1], 1, 1)
-            for i in range(sdp.medias_len()):
-                m = sdp.get_media(i)
-                while m.connections_len() > 0:
-                    m.remove_connection(0)
-                m.set_port_info(5000 + 2 * i, 1)
+        ok and sdp.set_connection('IN', 'IP4', sys.argv[1], 1, 1)
+        for i, m in ((i, sdp.get_media(i)) for i in range(sdp.medias_len() if ok else 0)):
+            [m.remove_connection(0) for _ in range(m.connections_len())]
+            m.set_port_info(5000 + 2 * i, 1)
         return ok
 
 

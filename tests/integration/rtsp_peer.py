@@ -9,6 +9,7 @@
 # (without the port when it is 554, as a redirect needs).
 
 import argparse
+import contextlib
 import random
 import socketserver
 import time
@@ -36,12 +37,8 @@ class Handler(socketserver.StreamRequestHandler):
 
     def handle(self):
         mode = self.server.mode
-        if mode == 'garbage':
-            self.wfile.write(random.Random(7).randbytes(2 << 20))
-            return
-        if mode == 'silent':
-            time.sleep(120)
-            return
+        if mode in ('garbage', 'silent'):
+            return self.wfile.write(random.Random(7).randbytes(2 << 20)) if mode == 'garbage' else time.sleep(120)
         for method, cseq, transport in self.requests():
             if mode == 'megabyte':
                 self.answer(cseq, headers='X-Padding: %s\r\n%s' % ('A' * (1 << 20), PUBLIC))
@@ -60,18 +57,15 @@ class Handler(socketserver.StreamRequestHandler):
 
 
 class Peer(socketserver.ThreadingMixIn, socketserver.TCPServer):
-    allow_reuse_address = True
-    daemon_threads = True
+    allow_reuse_address, daemon_threads = True, True
+    handle_error = lambda *_: None  # a client that hangs up on garbage is ordinary here  # noqa: E731
 
     def __init__(self, address, mode):
         super().__init__(address, Handler)
         self.mode = mode
 
-    def handle_error(self, request, client_address):
-        pass  # a client that hangs up on garbage is ordinary here
 
-
-def main():
+if __name__ == '__main__':
     ap = argparse.ArgumentParser()
     ap.add_argument('--host', default='127.0.0.1')
     ap.add_argument('--port', type=int, default=554)
@@ -80,11 +74,5 @@ def main():
     with Peer((a.host, a.port), a.answer) as peer:
         port = peer.server_address[1]
         print('rtsp://%s/%s' % (a.host if port == 554 else '%s:%d' % (a.host, port), a.answer), flush=True)
-        try:
+        with contextlib.suppress(KeyboardInterrupt):
             peer.serve_forever()
-        except KeyboardInterrupt:
-            pass
-
-
-if __name__ == '__main__':
-    main()

@@ -1,11 +1,13 @@
 # Captions end to end: WebVTT cues in a Matroska source over HTTP, relayed, then read back by
-# pelvane-cc (events as JSON, and CEA-608 decoded to SRT). Independent decoders read the same cues
-# from the video in test_a53.
+# pelvane-cc (events as JSON, and CEA-608 decoded to SRT), and from the video pelvane-cc --a53
+# writes by decoders nobody here wrote: the ffmpeg tool's caption decoder (subcc of the movie
+# source) and mux.js's transport stream demuxer and caption parser (node; installed from npm).
 
 import collections
 import json
 import os
 import re
+import shutil
 import subprocess
 import sys
 
@@ -37,55 +39,57 @@ CUES = [
     Cue('', 16500, 18000, '', '¡Sí! — ¿Qué? … ♪♪ ß', '¡Sí! -- ¿Qué? ... ♪ ♪ ß', (16517, 17985), [15],
         '¡Sí! - ¿Qué? … ♪♪ ß', (16517, 17985)),
 ]
+# The A/53 source has B-frames: its relay starts at the second key frame (2021 ms; the first has
+# no dts), so its cues come 2002 ms later (60 frames of the 608 grid). 25 frames a second.
+SHIFT, FRAME_MS = 2002, 40
+CC_SEI = b'\x04\xb5\x00\x31GA94\x03'  # SEI type 4, T.35 country B5, provider 0031, "GA94", cc_data
+MUXJS = ('mux.js', '7.1.0', os.path.join(os.path.expanduser('~'), '.cache', 'pelvane-npm'))
 
-
-def vtt_text():
-    stamp = lambda ms: '00:00:%02d.%03d' % (ms // 1000, ms % 1000)  # noqa: E731
-    return 'WEBVTT\n\n' + ''.join('%s%s --> %s%s\n%s\n\n' % (c.id and c.id + '\n', stamp(c.start), stamp(c.end),
-                                                          c.settings and ' ' + c.settings, c.text) for c in CUES)
-
-
-harness.register_media('captions.vtt', lambda out: harness.write_file(out, vtt_text().encode()) and None)
-harness.register_media('captions_av.mkv', lambda out: [
-    '-f', 'lavfi', '-i', 'testsrc=size=320x180:rate=25', '-f', 'lavfi', '-i', 'sine=frequency=440:sample_rate=48000',
-    '-t', '19', '-c:v', 'libx264', '-preset', 'ultrafast', '-g', '25', '-bf', '0', '-pix_fmt', 'yuv420p',
-    '-c:a', 'aac', '-ac', '2'])
+stamp = lambda ms: '00:00:%02d.%03d' % (ms // 1000, ms % 1000)  # noqa: E731
+harness.register_media('captions.vtt', lambda out: harness.write_file(out, ('WEBVTT\n\n' + ''.join(
+    '%s%s --> %s%s\n%s\n\n' % (c.id and c.id + '\n', stamp(c.start), stamp(c.end), c.settings and ' ' + c.settings,
+                               c.text) for c in CUES)).encode()) and None)
+AV = ['-f', 'lavfi', '-i', 'testsrc=size=320x180:rate=25', '-f', 'lavfi', '-i', 'sine=frequency=440:sample_rate=48000',
+      '-c:v', 'libx264', '-preset', 'ultrafast', '-pix_fmt', 'yuv420p', '-c:a', 'aac', '-ac', '2']
+harness.register_media('captions_av.mkv', lambda out: AV + ['-t', '19', '-g', '25', '-bf', '0'])
+harness.register_media('a53_av.mkv', lambda out: AV + ['-t', '21', '-g', '50', '-bf', '3', '-b:a', '64k'])
 # -c copy keeps the cues' identifiers and settings (re-encoding would drop them).
-for name, av in (('captions_av_vtt.mkv', 'captions_av.mkv'), ('captions_audio_vtt.mkv', 'audio_only.mkv')):
-    harness.register_media(name, lambda out, av=av: ['-i', harness.media_path(av), '-i',
-                                                     harness.media_path('captions.vtt'), '-map', '0', '-map', '1',
-                                                     '-c', 'copy'])
+for name, av, shift in (('captions_av_vtt.mkv', 'captions_av.mkv', 0), ('captions_audio_vtt.mkv', 'audio_only.mkv', 0),
+                        ('sync_run_vtt.mkv', 'sync_run.h264', 0), ('a53_av_vtt.mkv', 'a53_av.mkv', SHIFT)):
+    harness.register_media(name, lambda out, av=av, shift=shift: ['-framerate', '25'] * av.endswith('h264') + [
+        '-i', harness.media_path(av), '-itsoffset', str(shift / 1000), '-i', harness.media_path('captions.vtt'),
+        '-map', '0', '-map', '1', '-c', 'copy'])
 
 
 # Frames padded with runs of 0x47 ('G') to 20,104 bytes: with its 112-byte moof each 25-frame MP4
 # fragment then ends in a write of 19 * 188 bytes that looks like whole transport packets.
 def sync_run_h264(out):
-    h264 = subprocess.run(['ffmpeg', '-v', 'error', '-i', harness.media_path('captions_av.mkv'), '-map', '0:v', '-c',
-                           'copy', '-bsf:v', 'h264_mp4toannexb', '-f', 'h264', '-'], capture_output=True, check=True,
-                          timeout=120).stdout
     frames, au = [], []
-    for nal in h264.split(b'\0\0\1')[1:]:
-        au.append(b'\0\0\0\1' + nal.rstrip(b'\0'))
+    for nal in nal_units(harness.media_path('captions_av.mkv')):
+        au.append(b'\0\0\0\1' + nal)
         if nal[0] & 0x1F in (1, 5):  # one slice per frame
             frames, au = frames + [b''.join(au).ljust(20104, b'G')], []
     harness.write_file(out, b''.join(frames))
 
 
 harness.register_media('sync_run.h264', sync_run_h264)
-harness.register_media('sync_run_vtt.mkv', lambda out: ['-framerate', '25', '-i', harness.media_path('sync_run.h264'),
-                                                        '-i', harness.media_path('captions.vtt'), '-map', '0', '-map',
-                                                        '1', '-c', 'copy'])
+
+
+# NAL units of the first video stream, its packets' Annex B bytes copied as stored.
+def nal_units(path):
+    es = subprocess.run(['ffmpeg', '-nostdin', '-v', 'error', '-i', path, '-map', '0:v:0', '-c', 'copy', '-bsf:v',
+                         'h264_mp4toannexb', '-f', 'h264', '-'], capture_output=True, timeout=60).stdout
+    return [u.rstrip(b'\0') for u in es.split(b'\0\0\1') if u.rstrip(b'\0')]
 
 
 def caption_packets(data):
-    return [data[off:off + 188] for off in range(0, len(data) - 187, 188)
-            if (data[off + 1] & 0x1F, data[off + 2]) == (0x1F, 0xFE)]
+    return [data[o:o + 188] for o in range(0, len(data) - 187, 188) if (data[o + 1] & 0x1F, data[o + 2]) == (31, 254)]
 
 
-# pelvane-cc over `data` on its standard input: (status, stdout text, stderr text).
+# pelvane-cc over `data` on its standard input: (status, stdout, stderr text).
 def run_cc(data, *args):
     r = subprocess.run([harness.CC_BIN] + list(args), input=data, capture_output=True, timeout=60)
-    return r.returncode, r.stdout.decode('utf-8'), r.stderr.decode('utf-8', 'replace')
+    return r.returncode, r.stdout, r.stderr.decode('utf-8', 'replace')
 
 
 # [(start ms, end ms, text)] of an SRT document.
@@ -95,19 +99,32 @@ def read_srt(text):
         r'\d+\n(\d+):(\d+):(\d+),(\d+) --> (\d+):(\d+):(\d+),(\d+)\n(.*?)\n\n', text.strip() + '\n\n', re.S)]
 
 
+# NODE_PATH holding mux.js, installed from npm into the cache dir when missing.
+def muxjs_modules():
+    name, version, cache = MUXJS
+    pkg = os.path.join(cache, 'node_modules', name, 'package.json')
+    installed = lambda: os.path.exists(pkg) and json.load(open(pkg)).get('version') == version  # noqa: E731
+    [harness.require(shutil.which(t) or '/usr/bin/' + t, p) for t, p in (('node', 'nodejs'), ('npm', 'npm'))]
+    r = installed() or subprocess.run(['npm', 'install', '--prefix', cache, '--no-audit', '--no-fund', '--loglevel',
+                                       'error', '%s@%s' % (name, version)], capture_output=True, text=True, timeout=300)
+    assert installed(), 'npm install %s@%s failed: %s' % (name, version, r.stderr.strip()[-500:])
+    return os.path.join(cache, 'node_modules')
+
+
 class Captions(harness.RelayChecks):
 
     @classmethod
     def setUpClass(cls):
-        for name in ('captions_av_vtt.mkv', 'captions_audio_vtt.mkv', 'sync_run_vtt.mkv'):
+        for name in ('captions_av_vtt.mkv', 'captions_audio_vtt.mkv', 'sync_run_vtt.mkv', 'a53_av_vtt.mkv'):
             harness.media_path(name)
         cls.http = peers.HttpPeer(harness.MEDIA).__enter__()
         cls.relay = harness.run_pelvane(['--url', cls.http.url('captions_av_vtt.mkv')], tag='cc-file')
         cls.cc = run_cc(cls.relay.stdout)  # (status, JSON events, messages)
+        cls.a53_relay = harness.run_pelvane(['--url', cls.http.url('a53_av_vtt.mkv')], tag='a53-relay')
+        cls.a53 = run_cc(cls.a53_relay.stdout, '--a53')
+        cls.a53_path = harness.write_file(harness.scratch('a53.ts'), cls.a53[1])
 
-    @classmethod
-    def tearDownClass(cls):
-        cls.http.__exit__()
+    tearDownClass = classmethod(lambda cls: cls.http.__exit__())
 
     def test_one_event_per_cue(self):
         run, ctx = self.relay, self.relay.describe()
@@ -125,23 +142,64 @@ class Captions(harness.RelayChecks):
         # A lost packet is reported and the reader goes on with the next event.
         lost = run.stdout.find(packets[3])
         status, out, err = run_cc(run.stdout[:lost] + run.stdout[lost + 188:])
-        self.assertIn('caption continuity counter', err)
-        self.assertEqual(len(out.splitlines()), len(CUES) - 1, err)
-
-    def test_pelvane_cc_srt(self):
-        status, out, err = run_cc(self.relay.stdout, '--srt')
-        self.assertEqual((status, err), (0, ''))
-        self.assertEqual(read_srt(out), [(c.t608[0], c.t608[1], c.want608) for c in CUES], out)
+        self.assertEqual((len(out.splitlines()), 'caption continuity counter' in err), (len(CUES) - 1, True), err)
+        status, out, err = run_cc(run.stdout, '--srt')
+        self.assertEqual((status, err, read_srt(out.decode())), (0, '', [(c.t608[0], c.t608[1], c.want608)
+                                                                         for c in CUES]))
 
     def test_no_events_in_mp4_or_without_video(self):
         mp4 = harness.run_pelvane(['--mp4', '--url', self.http.url('sync_run_vtt.mkv')], tag='cc-mp4')
-        self.assertEqual(mp4.status, 0, mp4.describe())
-        self.assertEqual(mp4.stdout.count(b'MOLVAR:VTT'), 0, mp4.describe())
+        self.assertEqual((mp4.status, mp4.stdout.count(b'MOLVAR:VTT')), (0, 0), mp4.describe())
         audio = harness.run_pelvane(['--url', self.http.url('captions_audio_vtt.mkv')], tag='cc-audio')
-        self.assertEqual(audio.status, 0, audio.describe())
-        self.assertIn('Found VTT stream.', audio.stderr, audio.describe())
+        self.assertEqual((audio.status, 'Found VTT stream.' in audio.stderr, caption_packets(audio.stdout)),
+                         (0, True, []), audio.describe())
         self.assertRelayTs(audio, ['aac'], name='cc-audio')
-        self.assertEqual(caption_packets(audio.stdout), [], audio.describe())
+
+    def test_a53_stream_copied_with_captions_in_the_video(self):
+        self.assertEqual((self.a53_relay.status, self.a53[0], self.a53[2]), (0, 0, ''), self.a53_relay.describe())
+        self.assertRelayTs(self.a53[1], ['h264', 'aac'], name='a53-out')  # includes: decodes without an error
+        self.assertEqual(caption_packets(self.a53[1]), [], 'PID 0x1FFE is not written out')
+        before = nal_units(harness.write_file(harness.scratch('a53-in.ts'), self.a53_relay.stdout))
+        is_cc = lambda nal: nal[0] & 0x1F == 6 and nal[1:2] + nal[3:3 + 8] == CC_SEI  # noqa: E731
+        after = nal_units(self.a53_path)
+        self.assertEqual([n for n in after if not is_cc(n)], before, 'only the caption SEI was added')
+        self.assertGreater(sum(map(is_cc, after)), 100)
+
+    def test_a53_read_by_the_ffmpeg_caption_decoder(self):
+        # The movie source starts its clock at the first picture (21 ms), hence the shift.
+        first = float(harness.ffprobe_streams(self.a53_path)[0]['start_time']) * 1000
+        movie = 'movie=%s[out0+subcc]' % self.a53_path
+        r = subprocess.run(['ffmpeg', '-nostdin', '-v', 'error', '-f', 'lavfi', '-i', movie, '-map', '0:s', '-f', 'srt',
+                            '-'], capture_output=True, text=True, timeout=120)
+        got = read_srt(r.stdout) if r.returncode == 0 else []
+        self.assertEqual(len(got), len(CUES), r.stderr + str(got))
+        # Words and which of them are in italics; the decoder's own line breaks and styling aside.
+        words = lambda t: (re.sub(r'<[^>]*>|\{\\[^}]*\}', '', t).replace('\\h', ' ').split(),  # noqa: E731
+                           ' '.join(re.findall(r'<i>(.*?)</i>', t, re.S)).split())
+        for (start, end, text), c in zip(got, CUES):
+            self.assertEqual(words(text), words(c.want608))
+            for shown, due in ((start + first, c.t608[0] + SHIFT), (end + first, c.t608[1] + SHIFT)):
+                self.assertTrue(0 <= shown - due < FRAME_MS + 1, (c.id, shown, due))
+
+    def test_a53_read_by_muxjs_608_and_708(self):
+        r = subprocess.run(['node', os.path.join(harness.HERE, 'a53_muxjs_decode.js'), self.a53_path],
+                           capture_output=True, text=True, timeout=120, env=dict(os.environ, NODE_PATH=muxjs_modules()))
+        self.assertEqual(r.returncode, 0, r.stderr)
+        got = json.loads(r.stdout)
+        # A picture shows what is due at or before its time, never earlier: mux.js gives the
+        # picture's pts, which is the cue's caption-clock time in ms times 90.
+        on_time = lambda g, due: all(0 <= s - d - SHIFT < FRAME_MS for s, d in zip((g['start'], g['end']), due))  # noqa
+        cc1 = [g for g in got if g['stream'] == 'CC1']
+        self.assertEqual([(g['text'], g['rows']) for g in cc1], [(c.want608, c.rows608) for c in CUES])
+        self.assertEqual([c.id for g, c in zip(cc1, CUES) if not on_time(g, c.t608)], [], cc1)
+        # mux.js's 708 decoder ends its cue at every window command: contiguous pieces of one text
+        # are joined. It parses a DTVCC packet when the next one starts: the last cue never ends.
+        svc1 = []
+        for g in (g for g in got if g['stream'] == 'cc708_1'):
+            joins = svc1 and (svc1[-1]['text'], svc1[-1]['end']) == (g['text'], g['start'])
+            svc1[-1:] = [dict(svc1[-1], end=g['end'])] if joins else svc1[-1:] + [g]
+        self.assertEqual([g['text'] for g in svc1], [c.want708 for c in CUES[:-1]])
+        self.assertEqual([c.id for g, c in zip(svc1, CUES) if not on_time(g, c.t708)], [], svc1)
 
 
 if __name__ == '__main__':

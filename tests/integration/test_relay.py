@@ -1,7 +1,6 @@
 # The relay against real sources and scripted faults on 127.0.0.1: what comes out, how each run
 # ends (status, messages, timing), and what slow, stopped and vanished clients get.
 
-import fcntl
 import os
 import random
 import re
@@ -28,25 +27,13 @@ harness.register_media('bulk_vtt.mkv', lambda out: ['-i', harness.media_path('bu
                                                     '-c', 'copy'])
 
 
-def scripted(mode):
-    peer = rtsp_peer.Peer(('127.0.0.1', 0), mode)
-    threading.Thread(target=peer.serve_forever, daemon=True).start()
-    return peer, peer.server_address[1]
-
-
 # Up to n bytes; b'' when nothing came in time, None at end of file.
 def read_some(fd, n, timeout=0.05):
-    if not select.select([fd], [], [], timeout)[0]:
-        return b''
-    try:
-        return os.read(fd, n) or None
-    except BlockingIOError:
-        return b''
+    return (os.read(fd, n) or None) if select.select([fd], [], [], timeout)[0] else b''
 
 
 def rss_kib(pid):
-    with open('/proc/%d/status' % pid) as f:
-        return next(int(x.split()[1]) for x in f if x.startswith('VmRSS:'))
+    return int(re.search(r'VmRSS:\s*(\d+)', harness.read_file('/proc/%d/status' % pid, True)).group(1))
 
 
 class Relay(harness.RelayChecks):
@@ -54,59 +41,44 @@ class Relay(harness.RelayChecks):
     @classmethod
     def setUpClass(cls):
         cls.http = peers.HttpPeer(harness.MEDIA, tls=True).__enter__()
-        cls.servers = {mode: scripted(mode) for mode in ('garbage', 'silent', 'megabyte', 'huge')}
-        cls.stalled = peers.ListenerPeer(harness.media_path('mpeg2_mp2.ts'), 'tcp').__enter__()
+        cls.servers = {m: rtsp_peer.Peer(('127.0.0.1', 0), m) for m in ('garbage', 'silent', 'megabyte', 'huge')}
+        [threading.Thread(target=peer.serve_forever, daemon=True).start() for peer in cls.servers.values()]
+        cls.stalled = peers.ListenerPeer(harness.media_path('mpeg2_mp2.ts')).__enter__()
         # Started under an ignored SIGALRM (an exec keeps it): the relay's watchdog must work anyway.
         alrm = signal.signal(signal.SIGALRM, signal.SIG_IGN)
         cls.stalled_runs = {case: harness.Started(['--url', url], tag='watchdog%d' % n) for n, (case, url) in enumerate([
             ('source stalls mid-relay', cls.stalled.url),
-            ('RTSP server never answers', 'rtsp://127.0.0.1:%d/x' % cls.servers['silent'][1])])}
+            ('RTSP server never answers', 'rtsp://127.0.0.1:%d/x' % cls.servers['silent'].server_address[1])])}
         signal.signal(signal.SIGALRM, alrm)
         cls.ended = {}  # case -> seconds from its start to its end
         for case, s in cls.stalled_runs.items():
             threading.Thread(target=lambda c=case, p=s.proc: p.wait(90) is not None and cls.ended.setdefault(
                 c, time.monotonic() - p.started), daemon=True).start()
-        relay = cls.stalled_runs['source stalls mid-relay']
-        assert relay.output_reaches(50000, 20), relay.stderr()
-        cls.stalled.stall()
+        assert cls.stalled_runs['source stalls mid-relay'].output_reaches(50000, 20)
+        cls.stalled.proc.send(signal.SIGSTOP, True)
 
     @classmethod
     def tearDownClass(cls):
-        cls.http.__exit__()
-        cls.stalled.__exit__()
-        for peer, _ in cls.servers.values():
-            peer.shutdown()
-        harness.stop_all()
+        [peer.shutdown() for peer in [cls.http.server] + list(cls.servers.values())]
 
-    def url(self, name):
-        return self.http.url(os.path.basename(harness.media_path(name)))
-
-    def start(self, args, **kw):
-        s = harness.Started(args, **kw)
-        self.addCleanup(s.proc.stop)
-        return s
+    url = lambda self, name: self.http.url(os.path.basename(harness.media_path(name)))  # noqa: E731
 
     def test_sources_to_mpegts(self):
         with peers.RtmpPeer(rtmps=True) as rtmp:
-            s = self.start(['--mime-type', '--url', rtmp.rtmps_url], tag='rtmps')
+            s = harness.Started(['--mime-type', '--url', rtmp.rtmps_url], tag='rtmps')
             reached = s.output_reaches(120000, 30)
             run = s.finish(10, signal.SIGINT)  # one SIGINT: a clean end, the last packet maybe cut
-            self.assertTrue(reached, run.describe())
-            self.assertEqual(run.status, 0, run.describe())
-            self.assertLess(run.elapsed, 2.0, run.describe())
+            self.assertEqual((reached, run.status, run.elapsed < 2.0), (True, 0, True), run.describe())
             self.assertRelayTs(run, ['aac', 'h264'], head=harness.MIME_HEAD_TS, allow_partial_tail=True)
         run = harness.run_pelvane(['--ignore-ssl-errors', '--url', self.url('h264_aac.mkv')])  # self-signed
-        self.assertEqual(run.status, 0, run.describe())
-        self.assertTrue(run.stderr.endswith(END), run.describe())
+        self.assertEqual((run.status, run.stderr[-len(END):]), (0, END), run.describe())
         self.assertRelayTs(run, ['h264', 'aac'])
 
     def test_fragmented_mp4(self):
         run = harness.run_pelvane(['--mp4', '--ignore-ssl-errors', '--url', self.url('h264_aac_vtt.mkv')])
-        self.assertEqual(run.status, 0, run.describe())
-        self.assertEqual(run.stdout[4:8], b'ftyp', run.describe())
         path = harness.write_file(harness.scratch('out.mp4'), run.stdout)
-        self.assertEqual(sorted(s['codec_name'] for s in harness.ffprobe_streams(path)), ['aac', 'h264'])
-        self.assertEqual(harness.decode_errors(path), '', run.describe())
+        self.assertEqual((run.status, run.stdout[4:8], sorted(s['codec_name'] for s in harness.ffprobe_streams(path)),
+                          harness.decode_errors(path)), (0, b'ftyp', ['aac', 'h264'], ''), run.describe())
 
     def test_garbled_source_keeps_being_relayed(self):
         # Garbage between two packets and inside one, and the source closing mid-packet.
@@ -116,89 +88,78 @@ class Relay(harness.RelayChecks):
         name = 'garbled-%d.ts' % os.getpid()
         self.addCleanup(os.remove, harness.write_file(os.path.join(harness.MEDIA, name), data))
         run = harness.run_pelvane(['--ignore-ssl-errors', '--url', self.url(name)])
-        self.assertEqual(run.status, 0, run.describe())
-        self.assertTrue(run.stderr.endswith(END), run.describe())
-        self.assertIsNone(harness.ts_framing_problem(run.stdout), run.describe())
+        self.assertEqual((run.status, run.stderr[-len(END):], harness.ts_framing_problem(run.stdout)), (0, END, None),
+                         run.describe())
         packets = harness.ffprobe_packets(harness.write_file(harness.scratch('garbled.ts'), run.stdout))
-        self.assertGreater(len(packets), 0.8 * len(harness.ffprobe_packets(harness.media_path('mpeg2_mp2.ts'))))
-        self.assertEqual(harness.dts_problems(packets)[:5], [], run.describe())
+        self.assertEqual((len(packets) > 0.8 * len(harness.ffprobe_packets(harness.media_path('mpeg2_mp2.ts'))),
+                          harness.dts_problems(packets)[:5]), (True, []), run.describe())
 
     def test_slow_non_blocking_client_loses_nothing(self):
         args = ['--mime-type', '--ignore-ssl-errors', '--url', self.url('bulk_vtt.mkv')]
         fast = harness.run_pelvane(args, timeout=120, tag='fast')
         self.assertEqual(fast.status, 0, fast.describe())
         r, w = os.pipe()
-        fcntl.fcntl(w, fcntl.F_SETFL, fcntl.fcntl(w, fcntl.F_GETFL) | os.O_NONBLOCK)
-        s = self.start(args, stdout=w, tag='slow')
+        os.set_blocking(w, False)
+        s = harness.Started(args, stdout=w, tag='slow')
         os.close(w)
-        got, base, peak, t0 = bytearray(), 0, 0, time.monotonic()
+        got, rss, t0 = bytearray(), [], time.monotonic()
         while time.monotonic() < t0 + 6:  # about 300 KB/s, a hundredth of what the source could give
             got += read_some(r, 15000) or b''
             time.sleep(0.05)
-            if time.monotonic() > t0 + 1:
-                base = base or rss_kib(s.proc.pid)
-                peak = max(peak, rss_kib(s.proc.pid))
+            time.monotonic() > t0 + 1 and rss.append(rss_kib(s.proc.pid))
         self.assertTrue(s.proc.running(), 'ended while throttled:\n' + s.stderr())
         while (chunk := read_some(r, 1 << 20, 30)) is not None:
             got += chunk
         os.close(r)
         run = s.finish(30)
-        self.assertEqual(run.status, 0, run.describe())
-        self.assertTrue(run.stderr.endswith(END), run.describe())
-        self.assertTrue(bytes(got) == fast.stdout, 'differs from what a fast client got')
-        self.assertLess(peak - base, 32 << 10, 'RSS grew from %d to %d KiB while held back' % (base, peak))
+        self.assertEqual((run.status, run.stderr[-len(END):], bytes(got) == fast.stdout), (0, END, True),
+                         'differs from what a fast client got?\n' + run.describe())
+        self.assertLess(max(rss) - rss[0], 32 << 10, 'RSS grew while held back: %s KiB' % rss[::20])
 
     def test_sigint_while_the_client_has_stopped_reading(self):
-        s = self.start(['--ignore-ssl-errors', '--url', self.url('bulk.ts')], stdout=subprocess.PIPE, tag='stopped')
-        self.assertTrue(s.proc.popen.stdout.read(50000), s.stderr())
+        s = harness.Started(['--ignore-ssl-errors', '--url', self.url('bulk.ts')], stdout=subprocess.PIPE, tag='stop')
+        s.proc.popen.stdout.read(50000)
         time.sleep(2.0)  # the pipe and the window behind it fill up
         run = s.finish(10, signal.SIGINT)
-        self.assertEqual(run.status, 0, run.describe())
-        self.assertLess(run.elapsed, 2.5, run.describe())
+        self.assertEqual((run.status, run.elapsed < 2.5), (0, True), run.describe())
 
     def test_client_closes_its_end(self):
         # Under a parent that ignores SIGPIPE, which an exec keeps.
         p = harness.Proc(['bash', '-c', "trap '' PIPE; exec \"$@\"", 'sh', harness.BIN, '--ignore-ssl-errors',
                           '--url', self.url('bulk.ts')], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
-        self.addCleanup(p.stop)
         self.assertTrue(p.popen.stdout.read(50000))
         p.popen.stdout.close()
-        t0 = time.monotonic()
-        self.assertEqual(p.wait(10), -signal.SIGPIPE)
-        self.assertLess(time.monotonic() - t0, 2.0)
+        self.assertEqual(p.wait(2.0), -signal.SIGPIPE)
 
     def test_stalled_source_nine_signals_wait_the_tenth_aborts(self):
-        with peers.ListenerPeer(harness.media_path('mpeg2_mp2.ts'), 'tcp') as src:
-            s = self.start(['--url', src.url], tag='stall')
+        with peers.ListenerPeer(harness.media_path('mpeg2_mp2.ts')) as src:
+            s = harness.Started(['--url', src.url], tag='stall')
             self.assertTrue(s.output_reaches(50000, 20), s.stderr())
-            src.stall()
+            src.proc.send(signal.SIGSTOP, True)
             time.sleep(1.0)  # what the socket still held has been read
             for sig in [signal.SIGINT] * 5 + [signal.SIGQUIT] * 4:
                 s.proc.send(sig)
                 time.sleep(0.02)
             self.assertIsNone(s.proc.wait(0.5), 'blocked in a read, nine signals are only counted')
-            run = s.finish(2, signal.SIGINT)
-            self.assertEqual(run.status, -signal.SIGABRT, run.describe())
+            self.assertEqual(s.finish(2, signal.SIGINT).status, -signal.SIGABRT)
 
     # Every failing way to end, side by side: the 30-s watchdog, during set-up and during the
     # relay, runs once.
     def check_end(self, case, s, status, least, most, tail, elapsed=None):
         s.proc.wait(max(0, most - (time.monotonic() - s.proc.started)))
         run = s.finish(0)._replace(elapsed=elapsed or time.monotonic() - s.proc.started)
-        self.assertEqual(run.status, status, case + '\n' + run.describe())
-        self.assertTrue('mid-relay' in case or run.stdout == b'', case + '\n' + run.describe())
-        self.assertTrue(least <= run.elapsed < most, case + '\n' + run.describe())
+        self.assertEqual((run.status, 'mid-relay' in case or run.stdout == b'', least <= run.elapsed < most),
+                         (status, True, True), case + '\n' + run.describe())
         self.assertRegex(run.stderr, tail, case + '\n' + run.describe())
 
     def test_how_runs_end(self):
-        port = lambda mode: self.servers[mode][1]  # noqa: E731
+        port = lambda mode: self.servers[mode].server_address[1]  # noqa: E731
         refused = 'tcp://127.0.0.1:%d' % harness.free_port()
         # (case, arguments, status, least and most seconds, the end of stderr)
         cases = [
             ('unknown switch', ['--bogus'], 1, 0, 2, re.escape(USAGE_HEAD) + r'(.|\n)*Unknown switch bogus\n\Z'),
             ('refused connection', ['--url', refused], 1, 3, 8, re.escape(
                 "Failed to open input stream '%s'. Err=0xffffff91 str=Connection refused\n" % refused) + r'\Z'),
-            ('source sends garbage', ['--url', 'tcp://127.0.0.1:%d' % port('garbage')], 1, 3, 30, OPEN_FAILURE),
             ('RTSP server answers garbage', ['--url', 'rtsp://127.0.0.1:%d/x' % port('garbage')], 1, 3, 30,
              OPEN_FAILURE),
             ('RTSP answer with a megabyte-long line', ['--url', 'rtsp://127.0.0.1:%d/x' % port('megabyte')], 1, 3, 30,
@@ -209,7 +170,7 @@ class Relay(harness.RelayChecks):
              r'\nStandard output failed \(No space left on device\)\. exiting\.\n\Z'),
         ]
         with open('/dev/full', 'wb') as full:
-            started = [self.start(args, tag='end%d' % n, stdout=full if 'full' in case else None)
+            started = [harness.Started(args, tag='end%d' % n, stdout=full if 'full' in case else None)
                        for n, (case, args, *_) in enumerate(cases)]
         for (case, _, status, least, most, tail), s in zip(cases, started):
             with self.subTest(case=case):
@@ -224,9 +185,8 @@ class Relay(harness.RelayChecks):
         for case, status, least, most, tail in [('source stalls mid-relay', -signal.SIGALRM, 28.5, 40, '(?s).*'),
                                                 ('RTSP server never answers', 1, 62, 80, silent_rtsp)]:
             with self.subTest(case=case):
-                s = self.stalled_runs[case]
-                s.proc.wait(most + 5)
-                self.check_end(case, s, status, least, most, tail, self.ended.get(case))
+                self.stalled_runs[case].proc.wait(most + 5)
+                self.check_end(case, self.stalled_runs[case], status, least, most, tail, self.ended.get(case))
         self.assertNotIn('end of stream', self.stalled_runs['source stalls mid-relay'].stderr())
 
 

@@ -12,22 +12,18 @@ sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import harness  # noqa: E402
 import peers  # noqa: E402
 
-HEAD = b'HTTP/1.0 200 OK\nContent-Type: video/mp2t\n\n'
-
-
 def need(tool, package):
     harness.require(shutil.which(tool) or '/usr/bin/' + tool, package)
     return shutil.which(tool)
 
 
+# Live (not zombie) pelvane processes of the front end's session.
 def relays_in(session):
-    # Live (not zombie) pelvane processes of the front end's session.
     ps = subprocess.run(['ps', '-o', 'stat=,comm=', '--sid', str(session)], capture_output=True, text=True).stdout
     return [line for line in ps.splitlines() if line.split()[1:] == ['pelvane'] and not line.startswith('Z')]
 
 
-def codecs(path_or_url):
-    return sorted(s['codec_name'] for s in harness.ffprobe_streams(path_or_url))
+codecs = lambda path_or_url: sorted(s['codec_name'] for s in harness.ffprobe_streams(path_or_url))  # noqa: E731
 
 
 class Serve(unittest.TestCase):
@@ -47,14 +43,11 @@ class Serve(unittest.TestCase):
                                           stdout=subprocess.PIPE) for _ in range(2)]
                 self.assertTrue(harness.wait_for(lambda: len(relays_in(front.pid)) == 2, 10), kind)
                 for n, curl in enumerate(curls):
-                    data = curl.stdout.read(1 << 20)
-                    curl.kill()
-                    curl.wait()
-                    curl.stdout.close()
-                    # The exact head, then whole transport packets (the last one cut) of both streams.
-                    self.assertEqual(data[:len(HEAD)], HEAD, kind)
-                    path = harness.write_file(harness.scratch('%s-%d.ts' % (kind, n)), data[len(HEAD):])
-                    self.assertEqual(codecs(path), ['mp2', 'mpeg2video'], kind)
+                    data, head = curl.stdout.read(1 << 20), harness.MIME_HEAD_TS
+                    curl.kill(), curl.wait(), curl.stdout.close()
+                    # The exact head, then transport packets of both streams.
+                    path = harness.write_file(harness.scratch('%s-%d.ts' % (kind, n)), data[len(head):])
+                    self.assertEqual((data[:len(head)], codecs(path)), (head, ['mp2', 'mpeg2video']), kind)
                 # A client that hangs up ends its relay at once (SIGPIPE); ffprobe is a client too.
                 self.assertTrue(harness.wait_for(lambda: not relays_in(front.pid), 2.0), kind)
                 self.assertEqual(codecs(url), ['mp2', 'mpeg2video'], kind)

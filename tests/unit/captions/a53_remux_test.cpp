@@ -7,13 +7,7 @@ namespace {
 constexpr int64_t wrap = int64_t{1} << 33;
 
 TEST(A53Remux, ClockOffsetFollowsTheVideoAcrossWraps) {
-  const struct {
-    const char* name;
-    int64_t time_ms;
-    bool have_video;
-    int64_t video_pts;
-    int64_t offset;
-  } cases[] = {
+  const struct { const char* name; int64_t time_ms; bool have_video; int64_t video_pts; int64_t offset; } cases[] = {
       {"no video yet, past one wrap", wrap / 90 + 10, false, 0, -wrap},
       {"no video yet, negative time", -10, false, 0, wrap},
       {"video wrapped, captions not", wrap / 90 + 10, true, 1000, -wrap},

@@ -29,8 +29,8 @@ TEST(CaptionEncode, PayloadLayout) {
   VPVTTEvent ev = make_event(1000, 3000, std::string("Hi\0cut", 6));
   ev.identifier = "c1";
   ev.settings = {{"line", "90%"}, {"align", "start"}};
-  ev.cc608 = {{934, pair_of(0x94, 0x20)}, {967, pair_of(0x94, 0x20)}};
-  ev.cc708 = {{1001, {word_of(0xFF, 0x4222), word_of(0xFE, 0x8901)}}};
+  ev.cc608 = {{934, eia608_pair{{0x94, 0x20}}}, {967, eia608_pair{{0x94, 0x20}}}};
+  ev.cc708 = {{1001, {q7ro_cea708_word{0xFF, 0x4222}, q7ro_cea708_word{0xFE, 0x8901}}}};
   EXPECT_EQ(payload_of(ev), hex_bytes("E8 03 00 00 00 00 00 00  B8 0B 00 00 00 00 00 00  \"c1\" 00"
                                       "\"align:start line:90%\" 00  \"Hi\" 00"
                                       "42 00  00 00 94 20  21 00 94 20  00 00 00 00"
@@ -43,17 +43,12 @@ TEST(CaptionEncode, PayloadLayout) {
 TEST(CaptionEncode, CutsAndEntryTimes) {
   auto event = [](int64_t start, size_t text) {
     VPVTTEvent ev = make_event(start, start + 4000, std::string(text, 'x'));
-    ev.cc608 = {{0, pair_of(0x94, 0x2F)}, {2074, pair_of(0x94, 0x2C)}};
-    ev.cc708 = {{33, {word_of(0xFF, 0x0102), word_of(0xFE, 0x0304)}}};
+    ev.cc608 = {{0, eia608_pair{{0x94, 0x2F}}}, {2074, eia608_pair{{0x94, 0x2C}}}};
+    ev.cc708 = {{33, {q7ro_cea708_word{0xFF, 0x0102}, q7ro_cea708_word{0xFE, 0x0304}}}};
     return ev;
   };
-  const struct {
-    const char* name;
-    VPVTTEvent ev;
-    std::vector<int64_t> times;  // 608 pairs, then 708 words, as read back
-    size_t length, text;
-    const char* message;
-  } cases[] = {
+  // The times of 608 pairs, then 708 words, as read back; the payload length, text length and message.
+  const struct { const char* name; VPVTTEvent ev; std::vector<int64_t> times; size_t length, text; const char* message; } cases[] = {
       {"cue before 0", event(-1926, 5), {0, 2074, 33, 33}, 55, 5, ""},
       {"1 byte over: all 708 words go, 608 whole", event(1000, caption_payload_max - 49), {0, 2074}, 15986,
        caption_payload_max - 49, "VTT event cut to 15986 bytes\n"},
@@ -64,8 +59,7 @@ TEST(CaptionEncode, CutsAndEntryTimes) {
     SCOPED_TRACE(c.name);
     stderr_capture err;
     const bytes packets = encode(c.ev);
-    EXPECT_EQ(err.take(), c.message);
-    ASSERT_EQ(packets.size(), caption_packet_count(c.length) * 188);
+    ASSERT_EQ(std::make_pair(err.take(), packets.size()), std::make_pair(std::string(c.message), caption_packet_count(c.length) * 188));
     EXPECT_EQ(packets[15] | (packets[16] << 8), static_cast<int>(c.length));
     bool cut = false;
     const bytes p = payload_of(c.ev, plan_caption_payload(measure_caption_payload(c.ev), caption_payload_max, cut));
@@ -75,8 +69,7 @@ TEST(CaptionEncode, CutsAndEntryTimes) {
     std::vector<int64_t> times;
     for (const caption_pair_at& pair : back.cc608) times.push_back(pair.time_ms);
     for (const caption_word_at& word : back.cc708) times.push_back(word.time_ms);
-    EXPECT_EQ(times, c.times);
-    EXPECT_EQ(back.text.size(), c.text);
+    EXPECT_EQ(std::make_pair(times, back.text.size()), std::make_pair(c.times, c.text));
   }
 }
 

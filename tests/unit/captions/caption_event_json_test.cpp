@@ -5,11 +5,7 @@
 namespace {
 
 TEST(CaptionEventJson, EscapesArbitraryBytes) {
-  const struct {
-    const char* name;
-    std::string in;
-    const char* out;
-  } cases[] = {
+  const struct { const char* name; std::string in; const char* out; } cases[] = {
       {"quote, backslash, line ends, tab", "a\"b\\c\n\r\t", R"("a\"b\\c\n\r\t")"},
       {"control bytes and DEL", std::string("\x01\x00\x7f", 3), R"("\u0001\u0000\u007f")"},
       {"stray byte", "a\xff", R"("a\u00ff")"},

@@ -12,35 +12,21 @@ using bytes = std::vector<unsigned char>;
 // "47 5F FE" -> {0x47, 0x5F, 0xFE}; a quoted run ("abc") adds its ASCII bytes.
 inline bytes hex_bytes(const std::string& s) {
   bytes out;
-  for (size_t i = 0; i < s.size();) {
+  for (size_t i = 0; i < s.size(); ++i) {
     if (s[i] == '"') {
       const size_t close = s.find('"', i + 1);
       out.insert(out.end(), s.begin() + i + 1, s.begin() + close);
-      i = close + 1;
+      i = close;
     } else if (isxdigit(static_cast<unsigned char>(s[i]))) {
-      out.push_back(static_cast<unsigned char>(strtoul(s.substr(i, 2).c_str(), nullptr, 16)));
-      i += 2;
-    } else {
-      ++i;
+      out.push_back(static_cast<unsigned char>(strtoul(s.substr(i++, 2).c_str(), nullptr, 16)));
     }
   }
   return out;
 }
 
-inline eia608_pair pair_of(uint8_t a, uint8_t b) { return eia608_pair{{a, b}}; }
-
-inline q7ro_cea708_word word_of(uint8_t type, uint16_t value) {
-  q7ro_cea708_word w;
-  w.type = type;
-  w.value = value;
-  return w;
-}
-
 inline VPVTTEvent make_event(int64_t start, int64_t end, std::string text = "") {
   VPVTTEvent ev;
-  ev.start = std::chrono::milliseconds(start);
-  ev.end = std::chrono::milliseconds(end);
-  ev.text = std::move(text);
+  ev.start = std::chrono::milliseconds(start), ev.end = std::chrono::milliseconds(end), ev.text = std::move(text);
   return ev;
 }
 

@@ -5,11 +5,7 @@
 namespace {
 
 TEST(CueSettings, ParsesPairs) {
-  const struct {
-    const char* name;
-    std::string input;
-    std::map<std::string, std::string> expected;
-  } cases[] = {
+  const struct { const char* name; std::string input; std::map<std::string, std::string> expected; } cases[] = {
       {"two pairs", "align:start line:90%", {{"align", "start"}, {"line", "90%"}}},
       {"spaces around colon", "align : start", {{"align", "start"}}},
       {"tab before colon stays in name", "align\t:start", {{"align\t", "start"}}},

@@ -15,20 +15,16 @@ using words_by_key = std::map<uint64_t, std::vector<std::string>>;
 // channel or service 1, 29.97 fps for CEA-708. Pairs as "9420", words as "FE 8CFF".
 words_by_key convert(bool cea708, int64_t start, int64_t end, const char* text, WebVTTConvContext_v1& ctx) {
   WebVTTFileEvent_v1 c;
-  c.start = std::chrono::milliseconds(start);
-  c.end = std::chrono::milliseconds(end);
-  c.text = text;
-  vtt_cue_map m;
-  m.emplace(c.start, c);
+  c.start = std::chrono::milliseconds(start), c.end = std::chrono::milliseconds(end), c.text = text;
+  const vtt_cue_map m = {{c.start, c}};
   words_by_key got;
   char buf[16];
   cc608_map out608;
   cc708_map out708;
   if (cea708) WebVTTTo708(out708, {1000, 1}, false, WebVTTFile_v1{}, m.begin(), m.end(), 1, ctx, {30000, 1001});
   else WebVTTTo608(out608, {1000, 1}, false, WebVTTFile_v1{}, m.begin(), m.end(), 1, ctx);
-  for (const auto& [k, words] : out708) {
+  for (const auto& [k, words] : out708)
     for (const q7ro_cea708_word& w : words) got[k].push_back((snprintf(buf, sizeof buf, "%02X %04X", w.type, w.value), buf));
-  }
   for (const auto& [k, p] : out608) got[k].push_back((snprintf(buf, sizeof buf, "%02X%02X", p.b[0], p.b[1]), buf));
   return got;
 }
@@ -56,13 +52,8 @@ TEST(CeaConverters, WorkedExamplesByteForByte) {
 // Frames of the 608 caption display (EOC 942F) and erasure (EDM 942C) per cue,
 // -1 when the cue is dropped: a caption waits for the one before it to go.
 TEST(CeaConverters, Cea608CrossCueRules) {
-  struct step {
-    int64_t start, end, eoc, edm;
-  };
-  const struct {
-    const char* name;
-    std::vector<step> steps;
-  } cases[] = {
+  struct step { int64_t start, end, eoc, edm; };
+  const struct { const char* name; std::vector<step> steps; } cases[] = {
       {"back to back: shown two frames after the old EDM", {{1000, 3000, 30, 90}, {3000, 5000, 92, 150}}},
       {"overlap without display time left is dropped",
        {{1000, 3000, 30, 90}, {2000, 3050, -1, -1}, {4000, 5000, 120, 150}}},
@@ -93,11 +84,9 @@ TEST(CeaConverters, Cea708SequenceNumbersRunOn) {
     merged[k] = w;
   }
   std::vector<std::pair<int64_t, int>> got;  // (frame, sequence number) of each packet start
-  for (const auto& [k, words] : merged) {
-    for (const std::string& w : words) {
+  for (const auto& [k, words] : merged)
+    for (const std::string& w : words)
       if (w.starts_with("FF")) got.emplace_back(frame_of(k), std::stoi(w.substr(3, 1), nullptr, 16) >> 2);
-    }
-  }
   const std::vector<std::pair<int64_t, int>> want = {{28, 0}, {30, 1}, {88, 2}, {89, 3}, {89, 0},
                                                      {89, 1}, {90, 2}, {91, 3}, {150, 0}};
   EXPECT_EQ(got, want);
