@@ -8,8 +8,8 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <thread>
 #include <optional>
+#include <thread>
 #include <vector>
 
 #include "v2/captions/captions.h"

@@ -15,8 +15,7 @@ namespace tolm_cc {
 namespace {
 
 bool same_code(const caption_cell& a, const caption_cell& b) {
-  return a.kind == cell_kind::special && b.kind == cell_kind::special && a.b0 == b.b0 &&
-         a.b1 == b.b1;
+  return a.kind == cell_kind::special && b.kind == cell_kind::special && a.b0 == b.b0 && a.b1 == b.b1;
 }
 
 // Greedy word wrap fed one cell at a time. Spaces between words are held as
@@ -50,16 +49,15 @@ struct layout_builder {
 
   void commit_word() {
     if (word.empty()) return;
-    const bool fits = !row.cells.empty() &&
-                      static_cast<size_t>(row.width) + spaces + static_cast<size_t>(word_width) <=
-                          static_cast<size_t>(wrap_width);
+    const bool fits =
+        !row.cells.empty() && static_cast<size_t>(row.width) + spaces + static_cast<size_t>(word_width) <=
+                                  static_cast<size_t>(wrap_width);
     if (fits) {
       caption_cell sp;
       sp.space = true;
       sp.italic = word.front().italic;
-      sp.kind = word.front().kind == cell_kind::g0g1 || word.front().kind == cell_kind::ext1
-                    ? cell_kind::g0g1
-                    : cell_kind::basic;
+      sp.kind = word.front().kind == cell_kind::g0g1 || word.front().kind == cell_kind::ext1 ? cell_kind::g0g1
+                                                                                             : cell_kind::basic;
       row.cells.insert(row.cells.end(), spaces, sp);
       row.cells.insert(row.cells.end(), word.begin(), word.end());
       row.width += static_cast<int>(spaces) + word_width;
@@ -123,8 +121,7 @@ caption_layout layout_cue_text(std::string_view text, int wrap_width, cc_target 
       b.put_space();
       continue;
     }
-    const int n = target == cc_target::cea608 ? map_char_608(it.cp, opt, cells)
-                                              : map_char_708(it.cp, opt, cells);
+    const int n = target == cc_target::cea608 ? map_char_608(it.cp, opt, cells) : map_char_708(it.cp, opt, cells);
     if (n == 0) ++b.out.dropped_chars;
     for (int i = 0; i < n; ++i) {
       cells[i].italic = it.italic;

@@ -72,14 +72,14 @@ enum class line_kind : uint8_t { automatic, number, percent };
 // as a WebVTT parser ignores them.
 struct cue_box {
   line_kind line = line_kind::automatic;
-  int64_t line_number = 0;   // clamped to +-1000
-  double line_pct = 0;       // 0..100
-  int line_align = 0;        // 0 start, 1 center, 2 end
+  int64_t line_number = 0;  // clamped to +-1000
+  double line_pct = 0;      // 0..100
+  int line_align = 0;       // 0 start, 1 center, 2 end
   bool has_position = false;
-  double position_pct = 0;   // 0..100
+  double position_pct = 0;  // 0..100
   h_align position_align = h_align::center;
   h_align align = h_align::center;
-  double size_pct = 100;     // 0..100
+  double size_pct = 100;  // 0..100
 };
 
 cue_box parse_cue_box(const std::map<std::string, std::string>& settings);

@@ -111,15 +111,15 @@ bool read_entity(cue_text_reader& r, char32_t& cp) {
   size_t j = r.pos + 1;
   constexpr size_t longest = 12;  // "&#x0010FFFF;" and every name fit
   while (j < t.size() && j - r.pos <= longest &&
-         ((t[j] >= '0' && t[j] <= '9') || (t[j] >= 'a' && t[j] <= 'z') ||
-          (t[j] >= 'A' && t[j] <= 'Z') || t[j] == '#'))
+         ((t[j] >= '0' && t[j] <= '9') || (t[j] >= 'a' && t[j] <= 'z') || (t[j] >= 'A' && t[j] <= 'Z') ||
+          t[j] == '#'))
     ++j;
   if (j >= t.size() || t[j] != ';' || j == r.pos + 1) return false;
   const std::string_view name = t.substr(r.pos + 1, j - r.pos - 1);
   static const struct {
     const char* name;
     char32_t cp;
-  } named[] = {{"amp", U'&'},      {"lt", U'<'},       {"gt", U'>'},
+  } named[] = {{"amp", U'&'},       {"lt", U'<'},       {"gt", U'>'},
                {"nbsp", U'\u00A0'}, {"lrm", U'\u200E'}, {"rlm", U'\u200F'}};
   bool found = false;
   for (const auto& e : named) {
@@ -188,7 +188,7 @@ bool next_text_item(cue_text_reader& r, text_item& item) {
       item = {cp, false};
       return true;
     }
-    if (cp < 0x20 || (cp >= 0x7F && cp <= 0x9F)) continue;  // control characters
+    if (cp < 0x20 || (cp >= 0x7F && cp <= 0x9F)) continue;                       // control characters
     if (cp == 0x200B || cp == 0x200E || cp == 0x200F || cp == 0xFEFF) continue;  // invisible marks
     item = {cp, r.italic_depth > 0};
     return true;

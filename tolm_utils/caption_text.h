@@ -8,11 +8,11 @@
 namespace tolm_cc {
 
 struct caption_options {
-  int max_rows = 4;                      // rows per caption, 1..15; more are dropped
-  bool voice_prefix = false;             // <v Name> shows as "Name: "
-  bool true_2a_codes = false;            // send — and } as their 608 codes (see map_char_608)
-  bool unmappable_as_question = false;   // show '?' for a character no set holds
-  int dtvcc_words_per_frame = 10;        // DTVCC triplets per frame at 29.97 fps, 1..15
+  int max_rows = 4;                     // rows per caption, 1..15; more are dropped
+  bool voice_prefix = false;            // <v Name> shows as "Name: "
+  bool true_2a_codes = false;           // send — and } as their 608 codes (see map_char_608)
+  bool unmappable_as_question = false;  // show '?' for a character no set holds
+  int dtvcc_words_per_frame = 10;       // DTVCC triplets per frame at 29.97 fps, 1..15
 };
 
 // Decodes one UTF-8 sequence at pos and advances pos past it. Malformed,

@@ -55,14 +55,13 @@ struct basic_override {
   uint8_t byte;
 };
 constexpr basic_override basic_overrides[] = {
-    {U'\u2019', 0x27}, {U'á', 0x2A}, {U'é', 0x5C}, {U'í', 0x5E}, {U'ó', 0x5F}, {U'ú', 0x60},
+    {U'\u2019', 0x27}, {U'á', 0x2A}, {U'é', 0x5C}, {U'í', 0x5E}, {U'ó', 0x5F},      {U'ú', 0x60},
     {U'ç', 0x7B},      {U'÷', 0x7C}, {U'Ñ', 0x7D}, {U'ñ', 0x7E}, {U'\u2588', 0x7F},
 };
 
 // Special set, second byte 0x30 + index after 0x11.
 constexpr char32_t special_set[16] = {
-    U'®', U'°', U'½', U'¿', U'\u2122', U'¢', U'£', U'\u266A',
-    U'à', U'\u00A0', U'è', U'â', U'ê', U'î', U'ô', U'û',
+    U'®', U'°', U'½', U'¿', U'\u2122', U'¢', U'£', U'\u266A', U'à', U'\u00A0', U'è', U'â', U'ê', U'î', U'ô', U'û',
 };
 
 // Extended sets: the code and the basic character an old decoder shows
@@ -74,38 +73,85 @@ struct extended_char {
 };
 constexpr extended_char extended_set[] = {
     // 0x12: Spanish, miscellaneous, French (0x29 is never sent: decoders disagree on it)
-    {U'Á', 0x12, 0x20, 'A'}, {U'É', 0x12, 0x21, 'E'}, {U'Ó', 0x12, 0x22, 'O'},
-    {U'Ú', 0x12, 0x23, 'U'}, {U'Ü', 0x12, 0x24, 'U'}, {U'ü', 0x12, 0x25, 'u'},
-    {U'\u2018', 0x12, 0x26, '\''}, {U'¡', 0x12, 0x27, '!'}, {U'*', 0x12, 0x28, ' '},
-    {U'\u2014', 0x12, 0x2A, '-'}, {U'©', 0x12, 0x2B, 'c'}, {U'\u2120', 0x12, 0x2C, ' '},
-    {U'\u2022', 0x12, 0x2D, '.'}, {U'\u201C', 0x12, 0x2E, '"'}, {U'\u201D', 0x12, 0x2F, '"'},
-    {U'À', 0x12, 0x30, 'A'}, {U'Â', 0x12, 0x31, 'A'}, {U'Ç', 0x12, 0x32, 'C'},
-    {U'È', 0x12, 0x33, 'E'}, {U'Ê', 0x12, 0x34, 'E'}, {U'Ë', 0x12, 0x35, 'E'},
-    {U'ë', 0x12, 0x36, 'e'}, {U'Î', 0x12, 0x37, 'I'}, {U'Ï', 0x12, 0x38, 'I'},
-    {U'ï', 0x12, 0x39, 'i'}, {U'Ô', 0x12, 0x3A, 'O'}, {U'Ù', 0x12, 0x3B, 'U'},
-    {U'ù', 0x12, 0x3C, 'u'}, {U'Û', 0x12, 0x3D, 'U'}, {U'«', 0x12, 0x3E, '"'},
+    {U'Á', 0x12, 0x20, 'A'},
+    {U'É', 0x12, 0x21, 'E'},
+    {U'Ó', 0x12, 0x22, 'O'},
+    {U'Ú', 0x12, 0x23, 'U'},
+    {U'Ü', 0x12, 0x24, 'U'},
+    {U'ü', 0x12, 0x25, 'u'},
+    {U'\u2018', 0x12, 0x26, '\''},
+    {U'¡', 0x12, 0x27, '!'},
+    {U'*', 0x12, 0x28, ' '},
+    {U'\u2014', 0x12, 0x2A, '-'},
+    {U'©', 0x12, 0x2B, 'c'},
+    {U'\u2120', 0x12, 0x2C, ' '},
+    {U'\u2022', 0x12, 0x2D, '.'},
+    {U'\u201C', 0x12, 0x2E, '"'},
+    {U'\u201D', 0x12, 0x2F, '"'},
+    {U'À', 0x12, 0x30, 'A'},
+    {U'Â', 0x12, 0x31, 'A'},
+    {U'Ç', 0x12, 0x32, 'C'},
+    {U'È', 0x12, 0x33, 'E'},
+    {U'Ê', 0x12, 0x34, 'E'},
+    {U'Ë', 0x12, 0x35, 'E'},
+    {U'ë', 0x12, 0x36, 'e'},
+    {U'Î', 0x12, 0x37, 'I'},
+    {U'Ï', 0x12, 0x38, 'I'},
+    {U'ï', 0x12, 0x39, 'i'},
+    {U'Ô', 0x12, 0x3A, 'O'},
+    {U'Ù', 0x12, 0x3B, 'U'},
+    {U'ù', 0x12, 0x3C, 'u'},
+    {U'Û', 0x12, 0x3D, 'U'},
+    {U'«', 0x12, 0x3E, '"'},
     {U'»', 0x12, 0x3F, '"'},
     // 0x13: Portuguese, German, Danish
-    {U'Ã', 0x13, 0x20, 'A'}, {U'ã', 0x13, 0x21, 'a'}, {U'Í', 0x13, 0x22, 'I'},
-    {U'Ì', 0x13, 0x23, 'I'}, {U'ì', 0x13, 0x24, 'i'}, {U'Ò', 0x13, 0x25, 'O'},
-    {U'ò', 0x13, 0x26, 'o'}, {U'Õ', 0x13, 0x27, 'O'}, {U'õ', 0x13, 0x28, 'o'},
-    {U'{', 0x13, 0x29, '('}, {U'}', 0x13, 0x2A, ')'}, {U'\\', 0x13, 0x2B, '/'},
-    {U'^', 0x13, 0x2C, ' '}, {U'_', 0x13, 0x2D, ' '}, {U'|', 0x13, 0x2E, '!'},
-    {U'~', 0x13, 0x2F, ' '}, {U'Ä', 0x13, 0x30, 'A'}, {U'ä', 0x13, 0x31, 'a'},
-    {U'Ö', 0x13, 0x32, 'O'}, {U'ö', 0x13, 0x33, 'o'}, {U'ß', 0x13, 0x34, 's'},
-    {U'¥', 0x13, 0x35, 'Y'}, {U'¤', 0x13, 0x36, ' '}, {U'¦', 0x13, 0x37, '!'},
-    {U'Å', 0x13, 0x38, 'A'}, {U'å', 0x13, 0x39, 'a'}, {U'Ø', 0x13, 0x3A, 'O'},
-    {U'ø', 0x13, 0x3B, 'o'}, {U'\u250C', 0x13, 0x3C, '+'}, {U'\u2510', 0x13, 0x3D, '+'},
-    {U'\u2514', 0x13, 0x3E, '+'}, {U'\u2518', 0x13, 0x3F, '+'},
+    {U'Ã', 0x13, 0x20, 'A'},
+    {U'ã', 0x13, 0x21, 'a'},
+    {U'Í', 0x13, 0x22, 'I'},
+    {U'Ì', 0x13, 0x23, 'I'},
+    {U'ì', 0x13, 0x24, 'i'},
+    {U'Ò', 0x13, 0x25, 'O'},
+    {U'ò', 0x13, 0x26, 'o'},
+    {U'Õ', 0x13, 0x27, 'O'},
+    {U'õ', 0x13, 0x28, 'o'},
+    {U'{', 0x13, 0x29, '('},
+    {U'}', 0x13, 0x2A, ')'},
+    {U'\\', 0x13, 0x2B, '/'},
+    {U'^', 0x13, 0x2C, ' '},
+    {U'_', 0x13, 0x2D, ' '},
+    {U'|', 0x13, 0x2E, '!'},
+    {U'~', 0x13, 0x2F, ' '},
+    {U'Ä', 0x13, 0x30, 'A'},
+    {U'ä', 0x13, 0x31, 'a'},
+    {U'Ö', 0x13, 0x32, 'O'},
+    {U'ö', 0x13, 0x33, 'o'},
+    {U'ß', 0x13, 0x34, 's'},
+    {U'¥', 0x13, 0x35, 'Y'},
+    {U'¤', 0x13, 0x36, ' '},
+    {U'¦', 0x13, 0x37, '!'},
+    {U'Å', 0x13, 0x38, 'A'},
+    {U'å', 0x13, 0x39, 'a'},
+    {U'Ø', 0x13, 0x3A, 'O'},
+    {U'ø', 0x13, 0x3B, 'o'},
+    {U'\u250C', 0x13, 0x3C, '+'},
+    {U'\u2510', 0x13, 0x3D, '+'},
+    {U'\u2514', 0x13, 0x3E, '+'},
+    {U'\u2518', 0x13, 0x3F, '+'},
 };
 
 bool is_basic_ascii(char32_t cp) {
   if (cp < 0x20 || cp > 0x7E) return false;
   switch (cp) {
-    case '*': case '\\': case '^': case '_': case '`': case '{': case '|': case '}': case '~':
-      return false;  // their positions show other glyphs
-    default:
-      return true;
+    case '*':
+    case '\\':
+    case '^':
+    case '_':
+    case '`':
+    case '{':
+    case '|':
+    case '}':
+    case '~': return false;  // their positions show other glyphs
+    default: return true;
   }
 }
 
@@ -244,18 +290,13 @@ std::vector<load_unit> build_608_load(const caption_layout& lay, const cue_box& 
         if (c.space) continue;  // the mid-row code shows as this space
       }
       switch (c.kind) {
-        case cell_kind::basic:
-          w.put_char(c.b0);
-          break;
-        case cell_kind::special:
-          w.put_code(pair_608(c.b0, c.b1));
-          break;
+        case cell_kind::basic: w.put_char(c.b0); break;
+        case cell_kind::special: w.put_code(pair_608(c.b0, c.b1)); break;
         case cell_kind::extended:
           w.put_char(c.fallback);
           w.put_code(pair_608(c.b0, c.b1));
           break;
-        default:
-          break;
+        default: break;
       }
     }
   }
@@ -274,8 +315,8 @@ std::vector<load_unit> build_608_load(const caption_layout& lay, const cue_box& 
 // nf. A caption due before the pending EDM has gone out waits for it (shown
 // at c+2); one whose load cannot start at nf or later loads forwards from nf
 // and shows right after. A caption left without display time is dropped.
-schedule_608_result schedule_608(const std::vector<load_unit>& load, int64_t s, int64_t e,
-                                 bool pending, int64_t c, int64_t nf) {
+schedule_608_result schedule_608(const std::vector<load_unit>& load, int64_t s, int64_t e, bool pending, int64_t c,
+                                 int64_t nf) {
   schedule_608_result r;
   const auto reserved_in = [&](int64_t from, int64_t to) {  // any of [from, to] reserved
     return pending && from <= c + 1 && to >= c;
@@ -338,9 +379,7 @@ bool convert_cue_608(cc608_map& out, const WebVTTFileEvent_v1& cue, const frame_
   const schedule_608_result r = schedule_608(load, s, e, pending, c, nf);
   if (r.note == schedule_note::dropped) return false;
 
-  const auto put = [&](int64_t frame, eia608_pair p) {
-    out[static_cast<uint64_t>(grid_key(g, frame))] = p;
-  };
+  const auto put = [&](int64_t frame, eia608_pair p) { out[static_cast<uint64_t>(grid_key(g, frame))] = p; };
   for (size_t i = 0; i < load.size(); ++i)
     for (int k = 0; k < load[i].copies; ++k) put(r.unit_frames[i] + k, load[i].pair);
   const eia608_pair eoc = control_608(ctl_eoc);

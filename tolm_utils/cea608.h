@@ -27,9 +27,9 @@ enum : uint8_t { ctl_rcl = 0x20, ctl_edm = 0x2C, ctl_enm = 0x2E, ctl_eoc = 0x2F 
 eia608_pair control_608(uint8_t code);
 // Preamble address code: row 1..15, column indent rounded down to 4.
 eia608_pair pac_608(int row, int indent);
-eia608_pair pac_608_italic(int row);  // white italics, column 0
-eia608_pair tab_offset_608(int n);    // TO1..TO3
-eia608_pair mid_row_608(bool italic); // white or white italics
+eia608_pair pac_608_italic(int row);   // white italics, column 0
+eia608_pair tab_offset_608(int n);     // TO1..TO3
+eia608_pair mid_row_608(bool italic);  // white or white italics
 
 // One step of a caption load: a pair sent once, or a two-byte code sent
 // twice in adjacent frames.
@@ -46,12 +46,12 @@ std::vector<load_unit> build_608_load(const caption_layout& lay, const cue_box& 
 // c and c+1 (reserved); nf: first frame this converter may use.
 struct schedule_608_result {
   schedule_note note = schedule_note::dropped;
-  int64_t show = 0;                 // EOC in show, show+1
-  int64_t clear = 0;                // EDM in clear, clear+1
-  std::vector<int64_t> unit_frames; // first frame of each load unit
+  int64_t show = 0;                  // EOC in show, show+1
+  int64_t clear = 0;                 // EDM in clear, clear+1
+  std::vector<int64_t> unit_frames;  // first frame of each load unit
 };
-schedule_608_result schedule_608(const std::vector<load_unit>& load, int64_t s, int64_t e,
-                                 bool pending, int64_t c, int64_t nf);
+schedule_608_result schedule_608(const std::vector<load_unit>& load, int64_t s, int64_t e, bool pending, int64_t c,
+                                 int64_t nf);
 
 // Converts one cue into out (keys on the grid) and updates the context.
 // True when the cue produced data, false when it was skipped or dropped.

@@ -18,11 +18,10 @@ struct g2_char {
   uint8_t code;
 };
 constexpr g2_char g2_set[] = {
-    {U'\u2026', 0x25}, {U'Š', 0x2A},      {U'Œ', 0x2C},      {U'\u2588', 0x30},
-    {U'\u2018', 0x31}, {U'\u2019', 0x32}, {U'\u201C', 0x33}, {U'\u201D', 0x34},
-    {U'\u2022', 0x35}, {U'\u2122', 0x39}, {U'š', 0x3A},      {U'œ', 0x3C},
-    {U'\u2120', 0x3D}, {U'Ÿ', 0x3F},      {U'\u215B', 0x76}, {U'\u215C', 0x77},
-    {U'\u215D', 0x78}, {U'\u215E', 0x79}, {U'\u2502', 0x7A}, {U'\u2510', 0x7B},
+    {U'\u2026', 0x25}, {U'Š', 0x2A},      {U'Œ', 0x2C},      {U'\u2588', 0x30}, {U'\u2018', 0x31},
+    {U'\u2019', 0x32}, {U'\u201C', 0x33}, {U'\u201D', 0x34}, {U'\u2022', 0x35}, {U'\u2122', 0x39},
+    {U'š', 0x3A},      {U'œ', 0x3C},      {U'\u2120', 0x3D}, {U'Ÿ', 0x3F},      {U'\u215B', 0x76},
+    {U'\u215C', 0x77}, {U'\u215D', 0x78}, {U'\u215E', 0x79}, {U'\u2502', 0x7A}, {U'\u2510', 0x7B},
     {U'\u2514', 0x7C}, {U'\u2500', 0x7D}, {U'\u2518', 0x7E}, {U'\u250C', 0x7F},
 };
 
@@ -80,8 +79,16 @@ dtvcc_atom atom(std::initializer_list<uint8_t> bytes) {
 
 // Command codes and the parameter values this encoder uses.
 enum : uint8_t {
-  cmd_etx = 0x03, cmd_ext1 = 0x10, cmd_dsw = 0x89, cmd_hdw = 0x8A, cmd_dlw = 0x8C,
-  cmd_spa = 0x90, cmd_spc = 0x91, cmd_spl = 0x92, cmd_swa = 0x97, cmd_df0 = 0x98,
+  cmd_etx = 0x03,
+  cmd_ext1 = 0x10,
+  cmd_dsw = 0x89,
+  cmd_hdw = 0x8A,
+  cmd_dlw = 0x8C,
+  cmd_spa = 0x90,
+  cmd_spc = 0x91,
+  cmd_spl = 0x92,
+  cmd_swa = 0x97,
+  cmd_df0 = 0x98,
 };
 constexpr uint8_t dfw_hidden_locked = 0x18;  // not visible, row and column lock, priority 0
 constexpr uint8_t dfw_styles = 0x09;         // predefined window style 1, pen style 1
@@ -110,16 +117,16 @@ std::vector<dtvcc_atom> build_708_load(const caption_layout& lay, const cue_box&
   const int anchor_h = box_anchor_h(box);
 
   if (delete_all_first) atoms.push_back(atom({cmd_dlw, 0xFF}));
-  atoms.push_back(atom({static_cast<uint8_t>(cmd_df0 | w), dfw_hidden_locked,
-                        static_cast<uint8_t>(0x80 | anchor_v), static_cast<uint8_t>(anchor_h),
-                        static_cast<uint8_t>((anchor_point << 4) | (n - 1)),
-                        static_cast<uint8_t>(cols - 1), dfw_styles}));
+  atoms.push_back(
+      atom({static_cast<uint8_t>(cmd_df0 | w), dfw_hidden_locked, static_cast<uint8_t>(0x80 | anchor_v),
+            static_cast<uint8_t>(anchor_h), static_cast<uint8_t>((anchor_point << 4) | (n - 1)),
+            static_cast<uint8_t>(cols - 1), dfw_styles}));
   // Solid black fill, no border, no wrap, left to right, scroll bottom to
   // top, left-justified (rows are placed by SPL), snap display.
   atoms.push_back(atom({cmd_swa, 0x00, 0x00, 0x0C, 0x00}));
   atoms.push_back(atom({cmd_spa, spa_standard, 0x00}));
   atoms.push_back(atom({cmd_spc, 0x2A, 0x00, 0x00}));  // solid white on solid black
-  bool pen_italic = false;  // the pen keeps its attributes across SPL
+  bool pen_italic = false;                             // the pen keeps its attributes across SPL
   for (int r = 0; r < n; ++r) {
     const caption_row& row = lay.rows[r];
     const int width = std::min(static_cast<int>(row.cells.size()), cols);
@@ -226,8 +233,8 @@ std::vector<frame_span> spans_down(int64_t last, int room, int need, int cap) {
 // packet in e (e+1 when e is c). A load that cannot fit after nf goes
 // forwards from nf and the caption shows in the frame after it; a caption
 // left without display time is dropped.
-schedule_708_result schedule_708(const std::vector<int>& load_triplets, int64_t s, int64_t e,
-                                 bool pending, int64_t c, int64_t nf, int cap) {
+schedule_708_result schedule_708(const std::vector<int>& load_triplets, int64_t s, int64_t e, bool pending,
+                                 int64_t c, int64_t nf, int cap) {
   schedule_708_result r;
   cap = std::clamp(cap, 1, 15);
   const size_t n = load_triplets.size();
@@ -315,8 +322,8 @@ int dtvcc_cap_for_rate(molvar_rational<long> rate, int configured) {
 // multiple of 4 (padded with one-triplet null packets in its last frame),
 // numbered from the pending packet's own number; the packets after c go on
 // from the pending number + 1.
-bool convert_cue_708(cc708_map& out, const WebVTTFileEvent_v1& cue, const frame_grid& g,
-                     int service, int cap, const caption_options& opt, WebVTTConvContext_v1& ctx) {
+bool convert_cue_708(cc708_map& out, const WebVTTFileEvent_v1& cue, const frame_grid& g, int service, int cap,
+                     const caption_options& opt, WebVTTConvContext_v1& ctx) {
   if (service < 1 || service > 6) return false;
   int64_t s, e;
   if (!cue_frames(cue, g, s, e)) return false;
@@ -363,8 +370,7 @@ bool convert_cue_708(cc708_map& out, const WebVTTFileEvent_v1& cue, const frame_
   const size_t nulls = (4 - before_c % 4) % 4;
   if (nulls > 0) {
     const int64_t frame = items[before_c - 1].spans.back().frame;
-    items.insert(items.begin() + static_cast<std::ptrdiff_t>(before_c), nulls,
-                 item{nullptr, {{frame, 1}}});
+    items.insert(items.begin() + static_cast<std::ptrdiff_t>(before_c), nulls, item{nullptr, {{frame, 1}}});
   }
 
   const int pending_seq = static_cast<int>((cur.counter - 1) & 3);

@@ -59,8 +59,8 @@ struct schedule_708_result {
   int64_t show = 0;
   int64_t end = 0;
 };
-schedule_708_result schedule_708(const std::vector<int>& load_triplets, int64_t s, int64_t e,
-                                 bool pending, int64_t c, int64_t nf, int cap);
+schedule_708_result schedule_708(const std::vector<int>& load_triplets, int64_t s, int64_t e, bool pending,
+                                 int64_t c, int64_t nf, int cap);
 
 // DTVCC triplets per frame for a frame rate: the configured cap scaled to
 // the frame rate (about 300 triplets a second), 1..15.
@@ -68,7 +68,7 @@ int dtvcc_cap_for_rate(molvar_rational<long> rate, int configured);
 
 // Converts one cue into out (keys on the grid) and updates the context, as
 // convert_cue_608 does.
-bool convert_cue_708(cc708_map& out, const WebVTTFileEvent_v1& cue, const frame_grid& g,
-                     int service, int cap, const caption_options& opt, WebVTTConvContext_v1& ctx);
+bool convert_cue_708(cc708_map& out, const WebVTTFileEvent_v1& cue, const frame_grid& g, int service, int cap,
+                     const caption_options& opt, WebVTTConvContext_v1& ctx);
 
 }  // namespace tolm_cc

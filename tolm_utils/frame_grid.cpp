@@ -30,8 +30,7 @@ int64_t gcd64(int64_t a, int64_t b) {
 bool make_frame_grid(molvar_rational<long> unit, molvar_rational<long> rate, frame_grid& g) {
   constexpr long term_cap = long(1) << 31;
   if (unit.num <= 0 || unit.den <= 0 || rate.num <= 0 || rate.den <= 0) return false;
-  if (unit.num > term_cap || unit.den > term_cap || rate.num > term_cap || rate.den > term_cap)
-    return false;
+  if (unit.num > term_cap || unit.den > term_cap || rate.num > term_cap || rate.den > term_cap) return false;
   // Frame length in ticks: (unit.num / unit.den) / (rate.num / rate.den).
   int64_t num = int64_t(unit.num) * rate.den;
   int64_t den = int64_t(unit.den) * rate.num;

@@ -146,12 +146,9 @@ long sliding_window_v4_empty_to_fd(sliding_window_v4* w, int fd, unsigned long f
       w->read += done;
       return done;
     }
-    if (done == -EOPNOTSUPP || done == -ENOSYS || done == -EINVAL)
-      w->waiting_write_fd = fd;
-    else if (done == -EINTR)
-      return 0;
-    else if (done != -EAGAIN && done != -EWOULDBLOCK)
-      return done;
+    if (done == -EOPNOTSUPP || done == -ENOSYS || done == -EINVAL) w->waiting_write_fd = fd;
+    else if (done == -EINTR) return 0;
+    else if (done != -EAGAIN && done != -EWOULDBLOCK) return done;
   }
   pollfd p{fd, POLLOUT, 0};
   const int ready = poll(&p, 1, empty_wait_ms);

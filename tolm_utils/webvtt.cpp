@@ -24,9 +24,9 @@
 #include "tolm_utils/cea608.h"
 #include "tolm_utils/cea708.h"
 
-void WebVTTTo608(cc608_map& out, molvar_rational<long> unit, bool roll_up,
-                 const WebVTTFile_v1& file, vtt_cue_map::const_iterator first,
-                 vtt_cue_map::const_iterator end, unsigned channel, WebVTTConvContext_v1& ctx) {
+void WebVTTTo608(cc608_map& out, molvar_rational<long> unit, bool roll_up, const WebVTTFile_v1& file,
+                 vtt_cue_map::const_iterator first, vtt_cue_map::const_iterator end, unsigned channel,
+                 WebVTTConvContext_v1& ctx) {
   (void)roll_up;  // roll-up is not offered: every caption is pop-on
   (void)file;
   if (channel != 1) return;
@@ -36,10 +36,9 @@ void WebVTTTo608(cc608_map& out, molvar_rational<long> unit, bool roll_up,
   for (auto it = first; it != end; ++it) tolm_cc::convert_cue_608(out, it->second, g, opt, ctx);
 }
 
-void WebVTTTo708(cc708_map& out, molvar_rational<long> unit, bool roll_up,
-                 const WebVTTFile_v1& file, vtt_cue_map::const_iterator first,
-                 vtt_cue_map::const_iterator end, unsigned service, WebVTTConvContext_v1& ctx,
-                 molvar_rational<long> frame_rate) {
+void WebVTTTo708(cc708_map& out, molvar_rational<long> unit, bool roll_up, const WebVTTFile_v1& file,
+                 vtt_cue_map::const_iterator first, vtt_cue_map::const_iterator end, unsigned service,
+                 WebVTTConvContext_v1& ctx, molvar_rational<long> frame_rate) {
   (void)roll_up;
   (void)file;
   if (service < 1 || service > 6) return;

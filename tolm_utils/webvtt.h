@@ -65,9 +65,7 @@ struct WebVTTConvContext_v1 {
 #pragma pack(pop)
 static_assert(sizeof(WebVTTConvContext_v1) == 26);
 
-inline WebVTTConvContext_v1 webvtt_conv_context_start() {
-  return WebVTTConvContext_v1{0, -1, 0xFFFF, 0, 0};
-}
+inline WebVTTConvContext_v1 webvtt_conv_context_start() { return WebVTTConvContext_v1{0, -1, 0xFFFF, 0, 0}; }
 
 using cc608_map = std::map<uint64_t, eia608_pair>;
 using cc708_map = std::map<uint64_t, std::vector<q7ro_cea708_word>>;
@@ -75,14 +73,12 @@ using cc708_map = std::map<uint64_t, std::vector<q7ro_cea708_word>>;
 // Pop-on CEA-608 on CC1 for the cues [first, end). `unit` is the unit of the
 // cue times and of the output keys (1000/1: milliseconds); `roll_up` false
 // selects pop-on; `channel` 1 is CC1 (other channels yield nothing).
-void WebVTTTo608(cc608_map& out, molvar_rational<long> unit, bool roll_up,
-                 const WebVTTFile_v1& file, vtt_cue_map::const_iterator first,
-                 vtt_cue_map::const_iterator end, unsigned channel,
+void WebVTTTo608(cc608_map& out, molvar_rational<long> unit, bool roll_up, const WebVTTFile_v1& file,
+                 vtt_cue_map::const_iterator first, vtt_cue_map::const_iterator end, unsigned channel,
                  WebVTTConvContext_v1& ctx);
 
 // CEA-708 DTVCC service `service` data for the cues [first, end), paced on the
 // frame grid of `frame_rate` (30000/1001 for 29.97 fps).
-void WebVTTTo708(cc708_map& out, molvar_rational<long> unit, bool roll_up,
-                 const WebVTTFile_v1& file, vtt_cue_map::const_iterator first,
-                 vtt_cue_map::const_iterator end, unsigned service,
+void WebVTTTo708(cc708_map& out, molvar_rational<long> unit, bool roll_up, const WebVTTFile_v1& file,
+                 vtt_cue_map::const_iterator first, vtt_cue_map::const_iterator end, unsigned service,
                  WebVTTConvContext_v1& ctx, molvar_rational<long> frame_rate);

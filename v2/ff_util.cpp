@@ -10,6 +10,5 @@ std::string ff_error_text(int err) {
 }
 
 void report_ff_failure(const std::string& what, int err) {
-  fprintf(stderr, "%sErr=0x%x str=%s\n", what.c_str(), static_cast<unsigned>(err),
-          ff_error_text(err).c_str());
+  fprintf(stderr, "%sErr=0x%x str=%s\n", what.c_str(), static_cast<unsigned>(err), ff_error_text(err).c_str());
 }

@@ -5,11 +5,10 @@
 #include <cstdio>
 #include <cstdlib>
 
-#define pelvane_invariant(expr)                                                         \
-  do {                                                                                  \
-    if (!(expr)) {                                                                      \
-      fprintf(stderr, "v2/pelvane: %s:%d: Assertion `%s' failed.\n", __FILE__, __LINE__, \
-              #expr);                                                                   \
-      abort();                                                                          \
-    }                                                                                   \
+#define pelvane_invariant(expr)                                                                  \
+  do {                                                                                           \
+    if (!(expr)) {                                                                               \
+      fprintf(stderr, "v2/pelvane: %s:%d: Assertion `%s' failed.\n", __FILE__, __LINE__, #expr); \
+      abort();                                                                                   \
+    }                                                                                            \
   } while (0)

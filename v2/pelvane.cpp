@@ -98,8 +98,7 @@ void check_source() {
       // The probe has answered the client itself (a redirect): nothing to relay.
       if (rtsp_probe() == 0) end_run(1);
       break;
-    case scheme_relayed:
-      break;
+    case scheme_relayed: break;
     case scheme_refused:
       fputs("URL must be rtsp://, rtmp://, rtmps://, http://, https://, or tcp:// address\n", stderr);
       end_run(1);
@@ -185,23 +184,21 @@ void choose_streams(input_side& in) {
 void report_streams(const input_side& in) {
   if (in.video_index >= 0) {
     const AVCodecParameters* p = in.ctx->streams[in.video_index]->codecpar;
-    fprintf(stderr, "Found video stream. Index %d, %d x %u. %u bytes extradata\n", in.video_index,
-            p->width, static_cast<unsigned>(p->height), static_cast<unsigned>(p->extradata_size));
+    fprintf(stderr, "Found video stream. Index %d, %d x %u. %u bytes extradata\n", in.video_index, p->width,
+            static_cast<unsigned>(p->height), static_cast<unsigned>(p->extradata_size));
   } else {
     fputs("Did not find video stream\n", stderr);
   }
   if (in.audio_index >= 0) {
     const AVCodecParameters* p = in.ctx->streams[in.audio_index]->codecpar;
-    fprintf(stderr, "Found audio stream. Index %d, %uHz %u-channel. %u bytes extradata\n",
-            in.audio_index, static_cast<unsigned>(p->sample_rate),
-            static_cast<unsigned>(p->ch_layout.nb_channels), static_cast<unsigned>(p->extradata_size));
+    fprintf(stderr, "Found audio stream. Index %d, %uHz %u-channel. %u bytes extradata\n", in.audio_index,
+            static_cast<unsigned>(p->sample_rate), static_cast<unsigned>(p->ch_layout.nb_channels),
+            static_cast<unsigned>(p->extradata_size));
   } else {
     fputs("Did not find audio stream\n", stderr);
   }
-  if (in.vtt_index >= 0)
-    fprintf(stderr, "Found VTT stream. Index %d\n", in.vtt_index);
-  else
-    fputs("Did not find VTT stream\n", stderr);
+  if (in.vtt_index >= 0) fprintf(stderr, "Found VTT stream. Index %d\n", in.vtt_index);
+  else fputs("Did not find VTT stream\n", stderr);
 }
 
 // Input stage: the source opened, its streams listed and chosen. A source
@@ -311,9 +308,11 @@ void attach_sink(AVFormatContext* muxer, my_avio_ctx& sink) {
 // Output streams for the chosen video and audio, in that order.
 void add_streams(const input_side& in, output_side& out) {
   if (in.video_index >= 0)
-    out.video = add_output_stream(out.ctx, in.ctx->streams[in.video_index], "Failed to open output video stream '%s'. ");
+    out.video =
+        add_output_stream(out.ctx, in.ctx->streams[in.video_index], "Failed to open output video stream '%s'. ");
   if (in.audio_index >= 0)
-    out.audio = add_output_stream(out.ctx, in.ctx->streams[in.audio_index], "Failed to open output audio stream '%s'. ");
+    out.audio =
+        add_output_stream(out.ctx, in.ctx->streams[in.audio_index], "Failed to open output audio stream '%s'. ");
 }
 
 // Writes the container header with the run's muxer options. Its bytes are
@@ -403,8 +402,7 @@ void relay_video(const input_side& in, output_side& out, stamp_state& st, AVPack
   }
   if (!out.filtered) out.filtered = av_packet_alloc();
   AVPacket* filtered = out.filtered;
-  if (av_bsf_send_packet(out.annexb_filter, pkt) >= 0 &&
-      av_bsf_receive_packet(out.annexb_filter, filtered) >= 0) {
+  if (av_bsf_send_packet(out.annexb_filter, pkt) >= 0 && av_bsf_receive_packet(out.annexb_filter, filtered) >= 0) {
     filtered->stream_index = out.video->index;
     write_packet(out.ctx, filtered);
   }
@@ -438,10 +436,8 @@ void relay_packets(input_side& in, output_side& out) {
       fputs(e == AVERROR_EOF ? "end of stream. exiting..\n" : "av_read_frame() failed. exiting.\n", stderr);
       break;
     }
-    if (pkt->stream_index == in.video_index && out.video)
-      relay_video(in, out, video_stamps, pkt);
-    else if (pkt->stream_index == in.audio_index && out.audio)
-      relay_audio(in, out, audio_stamps, pkt);
+    if (pkt->stream_index == in.video_index && out.video) relay_video(in, out, video_stamps, pkt);
+    else if (pkt->stream_index == in.audio_index && out.audio) relay_audio(in, out, audio_stamps, pkt);
     else if (pkt->stream_index == in.vtt_index && out.video && !allow_mp4)  // events go only into MPEG-TS
       ingest_caption_packet(pkt);
     av_packet_unref(pkt);

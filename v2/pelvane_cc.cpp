@@ -56,7 +56,8 @@ void srt_take_event(srt_writer& s, const caption_event_record& ev) {
   if (ev.cc608.empty()) return;
   decode_before(s, &ev.cc608.front().time_ms);
   for (const caption_pair_at& p : ev.cc608) s.waiting.emplace(p.time_ms, std::make_pair(p.b0, p.b1));
-  while (s.waiting.size() > srt_waiting_max || s.waiting.rbegin()->first - s.waiting.begin()->first > srt_lag_max_ms) {
+  while (s.waiting.size() > srt_waiting_max ||
+         s.waiting.rbegin()->first - s.waiting.begin()->first > srt_lag_max_ms) {
     const int64_t after_oldest = s.waiting.begin()->first + 1;
     decode_before(s, &after_oldest);
   }
@@ -69,10 +70,8 @@ void report_problems(const std::vector<std::string>& problems) {
 void print_events(const caption_read_output& found, bool srt, srt_writer& s) {
   report_problems(found.problems);
   for (const caption_event_record& ev : found.events) {
-    if (srt)
-      srt_take_event(s, ev);
-    else
-      printf("%s\n", caption_event_json(ev).c_str());
+    if (srt) srt_take_event(s, ev);
+    else printf("%s\n", caption_event_json(ev).c_str());
   }
   fflush(stdout);
 }

@@ -78,8 +78,8 @@ bool is_accepted_video(const stream_desc& s) {
 
 bool is_accepted_audio(const stream_desc& s) {
   if (!s.has_params || s.codec_type != AVMEDIA_TYPE_AUDIO) return false;
-  return s.codec_id == AV_CODEC_ID_MP2 || s.codec_id == AV_CODEC_ID_MP3 ||
-         s.codec_id == AV_CODEC_ID_AAC || s.codec_id == AV_CODEC_ID_AC3;
+  return s.codec_id == AV_CODEC_ID_MP2 || s.codec_id == AV_CODEC_ID_MP3 || s.codec_id == AV_CODEC_ID_AAC ||
+         s.codec_id == AV_CODEC_ID_AC3;
 }
 
 int choose_video(const std::vector<stream_desc>& streams, int max_w, int max_h) {
@@ -88,11 +88,9 @@ int choose_video(const std::vector<stream_desc>& streams, int max_w, int max_h) 
   for (int i = 0; i < static_cast<int>(streams.size()); ++i) {
     const stream_desc& s = streams[i];
     if (!is_accepted_video(s) || s.width <= 0 || s.height <= 0) continue;
-    if (smallest < 0 || s.width < streams[smallest].width || s.height < streams[smallest].height)
-      smallest = i;
+    if (smallest < 0 || s.width < streams[smallest].width || s.height < streams[smallest].height) smallest = i;
     if ((max_w > 0 && s.width > max_w) || (max_h > 0 && s.height > max_h)) continue;
-    if (largest < 0 || s.width > streams[largest].width || s.height > streams[largest].height)
-      largest = i;
+    if (largest < 0 || s.width > streams[largest].width || s.height > streams[largest].height) largest = i;
   }
   if (largest >= 0) return largest;
   if (smallest < 0) return -1;
@@ -101,12 +99,11 @@ int choose_video(const std::vector<stream_desc>& streams, int max_w, int max_h) 
   return smallest;
 }
 
-audio_choice choose_audio(const std::vector<stream_desc>& streams, int video_index,
-                          int best_related, bool source_is_hls, bool allow_mp4) {
+audio_choice choose_audio(const std::vector<stream_desc>& streams, int video_index, int best_related,
+                          bool source_is_hls, bool allow_mp4) {
   audio_choice c;
   const int n = static_cast<int>(streams.size());
-  if (video_index >= 0 && best_related >= 0 && best_related < n &&
-      is_accepted_audio(streams[best_related])) {
+  if (video_index >= 0 && best_related >= 0 && best_related < n && is_accepted_audio(streams[best_related])) {
     c.index = best_related;
     return c;
   }
@@ -130,8 +127,7 @@ audio_choice choose_audio(const std::vector<stream_desc>& streams, int video_ind
 int choose_vtt(const std::vector<stream_desc>& streams) {
   for (int i = 0; i < static_cast<int>(streams.size()); ++i) {
     const stream_desc& s = streams[i];
-    if (s.has_params && s.codec_type == AVMEDIA_TYPE_SUBTITLE && s.codec_id == AV_CODEC_ID_WEBVTT)
-      return i;
+    if (s.has_params && s.codec_type == AVMEDIA_TYPE_SUBTITLE && s.codec_id == AV_CODEC_ID_WEBVTT) return i;
   }
   return -1;
 }
@@ -194,8 +190,8 @@ bool no_progress_for(progress_clock& c, int64_t count, int64_t now_ms, int64_t l
   return now_ms - c.since_ms >= limit_ms;
 }
 
-bool needs_annexb_filter(bool has_video, bool is_h264, const uint8_t* extradata,
-                         int extradata_size, bool allow_mp4) {
+bool needs_annexb_filter(bool has_video, bool is_h264, const uint8_t* extradata, int extradata_size,
+                         bool allow_mp4) {
   if (!has_video || !is_h264 || allow_mp4 || !extradata || extradata_size < 4) return false;
   return extradata[0] != 0 || extradata[1] != 0 || extradata[2] != 0;
 }

@@ -37,8 +37,8 @@ source_scheme classify_source_url(const std::string& url);
 
 // What stream choice needs to know of one input stream.
 struct stream_desc {
-  int codec_type = -1;   // AVMediaType
-  int codec_id = 0;      // AVCodecID
+  int codec_type = -1;  // AVMediaType
+  int codec_id = 0;     // AVCodecID
   int width = 0;
   int height = 0;
   int sample_rate = 0;
@@ -58,8 +58,8 @@ struct audio_choice {
 
 // `best_related` is what the demuxer's own best-audio search returned for the
 // chosen video (ignored when video_index is -1).
-audio_choice choose_audio(const std::vector<stream_desc>& streams, int video_index,
-                          int best_related, bool source_is_hls, bool allow_mp4);
+audio_choice choose_audio(const std::vector<stream_desc>& streams, int video_index, int best_related,
+                          bool source_is_hls, bool allow_mp4);
 
 int choose_vtt(const std::vector<stream_desc>& streams);
 
@@ -93,8 +93,8 @@ bool no_progress_for(progress_clock& c, int64_t count, int64_t now_ms, int64_t l
 // ---- output ----
 
 // Whether H.264 needs the length-prefix to start-code filter.
-bool needs_annexb_filter(bool has_video, bool is_h264, const uint8_t* extradata,
-                         int extradata_size, bool allow_mp4);
+bool needs_annexb_filter(bool has_video, bool is_h264, const uint8_t* extradata, int extradata_size,
+                         bool allow_mp4);
 
 // The "V extradata:" dump lines (16 bytes a line).
 std::string format_extradata(const uint8_t* data, int size);

@@ -59,11 +59,11 @@ uint64_t input_bytes = 0;
 a53_queue captions;
 bool captions_carried = true;  // false once there is no video to carry them
 bool video_read = false;
-int64_t video_pts_read = 0;   // latest video pts read
+int64_t video_pts_read = 0;  // latest video pts read
 bool video_written = false;
 int64_t video_pts_written = 0;  // latest video pts written
 bool drop_reported = false;
-size_t late_events = 0;  // events whose every entry was due before the video written
+size_t late_events = 0;      // events whose every entry was due before the video written
 size_t refused_packets = 0;  // packets the muxer refused (stamps out of order in a damaged input)
 
 // The copy.
@@ -106,7 +106,8 @@ void queue_event(const caption_event_record& ev) {
   const int64_t offset = a53_clock_offset(ev.start, video_read, video_pts_read);
   if (video_written && last_entry_ms(ev) * 90 + offset < video_pts_written) {
     if (late_events++ == 0)
-      fprintf(stderr, "pelvane-cc: caption event at %lld ms came after its video; dropped (later ones are counted)\n",
+      fprintf(stderr,
+              "pelvane-cc: caption event at %lld ms came after its video; dropped (later ones are counted)\n",
               static_cast<long long>(ev.start));
     return;
   }
@@ -182,10 +183,8 @@ bool open_input(remux& r) {
   int e = avformat_open_input(&r.in, nullptr, av_find_input_format("mpegts"), nullptr);
   if (e >= 0) e = avformat_find_stream_info(r.in, nullptr);
   if (e >= 0) return true;
-  if (input_bytes == 0)
-    fputs("pelvane-cc: standard input is empty; there is no stream to copy\n", stderr);
-  else
-    report_ff_failure("pelvane-cc: found no audio or video in standard input. ", e);
+  if (input_bytes == 0) fputs("pelvane-cc: standard input is empty; there is no stream to copy\n", stderr);
+  else report_ff_failure("pelvane-cc: found no audio or video in standard input. ", e);
   return false;
 }
 
@@ -253,8 +252,8 @@ bool write_packet(remux& r, AVPacket* p) {
 // Replaces the packet's data with the picture carrying `t`. A packet without
 // a picture gives the triplets back to the queue for the next one.
 void put_captions(const remux& r, AVPacket* p, const std::vector<cc_triplet>& t) {
-  const std::vector<uint8_t> with = r.kind == carrier::h264 ? h264_with_captions(p->data, p->size, t)
-                                                            : mpeg2_with_captions(p->data, p->size, t);
+  const std::vector<uint8_t> with =
+      r.kind == carrier::h264 ? h264_with_captions(p->data, p->size, t) : mpeg2_with_captions(p->data, p->size, t);
   AVPacket* n = with.size() == static_cast<size_t>(p->size) ? nullptr : av_packet_alloc();
   if (!n || av_new_packet(n, static_cast<int>(with.size())) < 0 || av_packet_copy_props(n, p) < 0) {
     for (const cc_triplet& c : t) captions.waiting.emplace(p->pts, c);
@@ -317,12 +316,9 @@ bool copy_packets(remux& r) {
     }
     const int i = r.pkt->stream_index;
     bool ok = true;
-    if (i < 0 || i >= static_cast<int>(r.out_index.size()) || r.out_index[i] < 0)
-      av_packet_unref(r.pkt);
-    else if (i == r.video && r.kind != carrier::none)
-      ok = hold_video(r);
-    else
-      ok = write_packet(r, r.pkt);
+    if (i < 0 || i >= static_cast<int>(r.out_index.size()) || r.out_index[i] < 0) av_packet_unref(r.pkt);
+    else if (i == r.video && r.kind != carrier::none) ok = hold_video(r);
+    else ok = write_packet(r, r.pkt);
     if (!ok) return false;
   }
   while (!r.held.empty())
@@ -365,8 +361,7 @@ int a53_remux_run() {
   if (ok && av_write_trailer(r.out) < 0) ok = false;
   if (refused_packets > 0) fprintf(stderr, "pelvane-cc: %zu packets left out in all\n", refused_packets);
   if (late_events > 0) fprintf(stderr, "pelvane-cc: %zu caption events came after their video\n", late_events);
-  if (captions.dropped > 0)
-    fprintf(stderr, "pelvane-cc: %zu caption triplets dropped in all\n", captions.dropped);
+  if (captions.dropped > 0) fprintf(stderr, "pelvane-cc: %zu caption triplets dropped in all\n", captions.dropped);
   fflush(stderr);
   close_remux(r);
   return ok && (copied || stop_asked) ? 0 : 1;

@@ -194,8 +194,8 @@ size_t write_caption_payload(byte_writer& out, const VPVTTEvent& ev, const capti
   return out.pos;
 }
 
-size_t write_caption_packets(unsigned char* area, size_t area_size, const unsigned char* payload,
-                             size_t length, uint32_t& continuity) {
+size_t write_caption_packets(unsigned char* area, size_t area_size, const unsigned char* payload, size_t length,
+                             uint32_t& continuity) {
   byte_writer out = make_byte_writer(area, area_size);
   put_u8(out, 0x47);
   put_u8(out, 0x40 | (caption_pid >> 8));  // payload unit start
@@ -230,7 +230,7 @@ const unsigned char* vtt_event_ts_encode(const VPVTTEvent& ev, size_t& size) {
   byte_writer payload = make_byte_writer(vtt_payload_area, sizeof vtt_payload_area);
   const size_t length = write_caption_payload(payload, ev, keep);
   if (cut) fprintf(stderr, "VTT event cut to %zu bytes\n", length);
-  size = write_caption_packets(vtt_packet_area, sizeof vtt_packet_area, vtt_payload_area, length,
-                               vtt_ts_continuity);
+  size =
+      write_caption_packets(vtt_packet_area, sizeof vtt_packet_area, vtt_payload_area, length, vtt_ts_continuity);
   return vtt_packet_area;
 }

@@ -68,13 +68,12 @@ size_t write_caption_payload(byte_writer& out, const VPVTTEvent& ev, const capti
 // Cuts a payload of `length` bytes into packets at the start of `area`,
 // numbering them from `continuity`, which grows by one per packet. Returns
 // the packets' total size. Aborts if they would pass the end of the area.
-size_t write_caption_packets(unsigned char* area, size_t area_size, const unsigned char* payload,
-                             size_t length, uint32_t& continuity);
+size_t write_caption_packets(unsigned char* area, size_t area_size, const unsigned char* payload, size_t length,
+                             uint32_t& continuity);
 
 // Packets needed for a payload of `length` bytes.
 constexpr size_t caption_packet_count(size_t length) {
   return length <= caption_first_packet_room
              ? 1
-             : 1 + (length - caption_first_packet_room + caption_next_packet_room - 1) /
-                       caption_next_packet_room;
+             : 1 + (length - caption_first_packet_room + caption_next_packet_room - 1) / caption_next_packet_room;
 }

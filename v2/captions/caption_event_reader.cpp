@@ -105,10 +105,8 @@ void finish_event(caption_stream_reader& r, caption_read_output& out) {
   r.in_event = false;
   caption_event_record ev;
   std::string problem;
-  if (read_caption_payload(r.payload.data(), r.payload.size(), ev, problem))
-    out.events.push_back(std::move(ev));
-  else
-    out.problems.push_back("caption event malformed: " + problem);
+  if (read_caption_payload(r.payload.data(), r.payload.size(), ev, problem)) out.events.push_back(std::move(ev));
+  else out.problems.push_back("caption event malformed: " + problem);
 }
 
 // Adds the payload bytes of one packet; the bytes after the event's end must
@@ -122,7 +120,8 @@ void take_payload(caption_stream_reader& r, const unsigned char* data, size_t ro
 }
 
 void report_incomplete(const caption_stream_reader& r, caption_read_output& out) {
-  out.problems.push_back(format_text("caption event incomplete: %llu of %llu bytes", r.payload.size(), r.expected));
+  out.problems.push_back(
+      format_text("caption event incomplete: %llu of %llu bytes", r.payload.size(), r.expected));
 }
 
 }  // namespace

@@ -21,10 +21,10 @@ void caption_contexts_start() {
 
 namespace {
 
-constexpr molvar_rational<long> cue_time_unit{1000, 1};      // cue times are milliseconds
+constexpr molvar_rational<long> cue_time_unit{1000, 1};           // cue times are milliseconds
 constexpr molvar_rational<long> caption_frame_rate{30000, 1001};  // 29.97 fps pacing grid
-constexpr bool pop_on = false;                              // the converters' roll-up flag
-constexpr unsigned caption_channel = 1;                     // CC1 / DTVCC service 1
+constexpr bool pop_on = false;                                    // the converters' roll-up flag
+constexpr unsigned caption_channel = 1;                           // CC1 / DTVCC service 1
 
 // Identifier, settings and text together never exceed what one event
 // payload carries: the encoder would cut anything longer anyway.

@@ -25,7 +25,7 @@ const char* basic_glyph(uint8_t c) {
 }
 
 // Second bytes 0x30..0x3F after 0x11. 0x39 is the transparent space.
-const char* const special_glyphs[16] = {"®", "°", "½", "¿", "™", "¢", "£", "♪",
+const char* const special_glyphs[16] = {"®", "°",      "½", "¿", "™", "¢", "£", "♪",
                                         "à", "\u00A0", "è", "â", "ê", "î", "ô", "û"};
 
 // Second bytes 0x20..0x3F after 0x12 (Spanish, misc., French) and 0x13
@@ -33,9 +33,9 @@ const char* const special_glyphs[16] = {"®", "°", "½", "¿", "™", "¢", "£
 const char* const extended_a_glyphs[32] = {"Á", "É", "Ó", "Ú", "Ü", "ü", "‘", "¡", "*", "'", "—",
                                            "©", "℠", "•", "“", "”", "À", "Â", "Ç", "È", "Ê", "Ë",
                                            "ë", "Î", "Ï", "ï", "Ô", "Ù", "ù", "Û", "«", "»"};
-const char* const extended_b_glyphs[32] = {"Ã", "ã", "Í", "Ì", "ì", "Ò", "ò", "Õ", "õ", "{", "}",
+const char* const extended_b_glyphs[32] = {"Ã",  "ã", "Í", "Ì", "ì", "Ò", "ò", "Õ", "õ", "{", "}",
                                            "\\", "^", "_", "|", "~", "Ä", "ä", "Ö", "ö", "ß", "¥",
-                                           "¤", "¦", "Å", "å", "Ø", "ø", "┌", "┐", "└", "┘"};
+                                           "¤",  "¦", "Å", "å", "Ø", "ø", "┌", "┐", "└", "┘"};
 
 // Rows of the preamble address codes, by the low 3 bits of the first byte and
 // bit 0x20 of the second; 0 marks a code that addresses no row.
@@ -93,9 +93,7 @@ void misc_control(cc608_decoder& d, int64_t t, uint8_t code, std::vector<srt_cue
     case 0x27:
     case 0x29:
     case 0x2A:
-    case 0x2B:
-      d.pop_on = false;
-      break;
+    case 0x2B: d.pop_on = false; break;
     case 0x2C:  // EDM
       end_shown(d, t, out);
       clear_memory(d.shown);
@@ -159,8 +157,8 @@ void decode_code(cc608_decoder& d, int64_t t, uint8_t first, uint8_t second, std
 std::string srt_time(int64_t ms) {
   if (ms < 0) ms = 0;
   char buf[40];
-  snprintf(buf, sizeof buf, "%02" PRId64 ":%02" PRId64 ":%02" PRId64 ",%03" PRId64, ms / 3600000,
-           ms / 60000 % 60, ms / 1000 % 60, ms % 1000);
+  snprintf(buf, sizeof buf, "%02" PRId64 ":%02" PRId64 ":%02" PRId64 ",%03" PRId64, ms / 3600000, ms / 60000 % 60,
+           ms / 1000 % 60, ms % 1000);
   return buf;
 }
 
@@ -217,10 +215,8 @@ std::string cc608_memory_text(const cc608_memory& m) {
       const cc608_cell& cell = row[c];
       const bool blank = cell.glyph.empty() || cell.glyph == " ";
       if (!blank && cell.italic != in_italics) {
-        if (cell.italic)
-          line += "<i>";
-        else
-          line.insert(visible_end, "</i>");
+        if (cell.italic) line += "<i>";
+        else line.insert(visible_end, "</i>");
         in_italics = cell.italic;
       }
       line += blank ? " " : cell.glyph;
@@ -234,6 +230,6 @@ std::string cc608_memory_text(const cc608_memory& m) {
 }
 
 std::string srt_block(size_t index, const srt_cue& cue) {
-  return std::to_string(index) + "\n" + srt_time(cue.start_ms) + " --> " + srt_time(cue.end_ms) + "\n" +
-         cue.text + "\n\n";
+  return std::to_string(index) + "\n" + srt_time(cue.start_ms) + " --> " + srt_time(cue.end_ms) + "\n" + cue.text +
+         "\n\n";
 }

@@ -6,8 +6,7 @@
 #include <cstring>
 
 bool session_is_usable(const session& s) {
-  return s.c_nettype == "IN" && s.c_addrtype == "IP4" && !s.c_connection_address.empty() &&
-         !s.media_list.empty();
+  return s.c_nettype == "IN" && s.c_addrtype == "IP4" && !s.c_connection_address.empty() && !s.media_list.empty();
 }
 
 bool mpegts_destination(const session& s, const media& m, sockaddr_in& destination) {

@@ -12,7 +12,7 @@
 typedef void CURL;
 
 constexpr size_t rtsp_answer_limit = 65536;  // far more than any description needs
-constexpr long rtsp_silence_seconds = 30;     // a request ends after this long without progress
+constexpr long rtsp_silence_seconds = 30;    // a request ends after this long without progress
 
 // Made on the probe's one easy handle for source_url; 0 for success, 1 with
 // the reason written. An answer (header lines and body) larger than

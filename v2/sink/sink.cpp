@@ -14,8 +14,8 @@ namespace {
 
 constexpr useconds_t idle_pass_sleep_us = 10000;
 
-bool output_held = false;      // see sink_hold_output
-bool defer_emptying = false;   // inside a sink_muxer_call
+bool output_held = false;     // see sink_hold_output
+bool defer_emptying = false;  // inside a sink_muxer_call
 // Emptying attempts that deferred writes have left to the end of the muxer
 // call. Making at most that many keeps the waits on a slow reader what they
 // would have been.
