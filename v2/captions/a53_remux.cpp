@@ -50,8 +50,7 @@ enum class carrier { none, h264, mpeg2 };
 volatile sig_atomic_t stop_asked = 0;
 
 // Reading standard input.
-ts_splitter input_splitter;
-caption_stream_reader input_reader;
+caption_byte_reader input_captions;
 bool input_ended = false;
 uint64_t input_bytes = 0;
 
@@ -122,12 +121,8 @@ void take_caption_bytes(const unsigned char* data, size_t n) {
   if (input_ended) return;
   input_ended = n == 0;
   input_bytes += n;
-  std::vector<ts_packet> packets;
   caption_read_output found;
-  ts_split(input_splitter, data, n, input_ended, packets, found.problems);
-  for (const ts_packet& pkt : packets)
-    if (((pkt[1] & 0x1F) << 8 | pkt[2]) == caption_pid) caption_reader_take(input_reader, pkt.data(), found);
-  if (input_ended) caption_reader_finish(input_reader, found);
+  caption_bytes_take(input_captions, data, n, input_ended, found);
   for (const std::string& p : found.problems) fprintf(stderr, "%s\n", p.c_str());
   for (const caption_event_record& ev : found.events) queue_event(ev);
 }

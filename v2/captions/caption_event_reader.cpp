@@ -217,3 +217,11 @@ void ts_split(ts_splitter& s, const unsigned char* data, size_t n, bool eof, std
   b.erase(b.begin(), b.begin() + static_cast<std::ptrdiff_t>(i));
   s.offset += i;
 }
+
+void caption_bytes_take(caption_byte_reader& r, const unsigned char* data, size_t n, bool eof,
+                        caption_read_output& out) {
+  std::vector<ts_packet> packets;
+  ts_split(r.splitter, data, n, eof, packets, out.problems);
+  for (const ts_packet& pkt : packets) caption_reader_take(r.reader, pkt.data(), out);
+  if (eof) caption_reader_finish(r.reader, out);
+}

@@ -76,3 +76,15 @@ using ts_packet = std::array<unsigned char, ts_packet_size>;
 // packet to `packets`; a loss of sync adds a message to `problems`.
 void ts_split(ts_splitter& s, const unsigned char* data, size_t n, bool eof, std::vector<ts_packet>& packets,
               std::vector<std::string>& problems);
+
+// The whole reading side over a byte stream: packets found again after
+// garbage, events reassembled from PID 0x1FFE.
+struct caption_byte_reader {
+  ts_splitter splitter;
+  caption_stream_reader reader;
+};
+
+// Takes the next `n` bytes of the stream (`eof` when they are the last) and
+// appends the events they complete and the problems found, in stream order.
+void caption_bytes_take(caption_byte_reader& r, const unsigned char* data, size_t n, bool eof,
+                        caption_read_output& out);
