@@ -40,27 +40,31 @@ struct srt_writer {
   size_t cues_written = 0;
 };
 
-// Decodes and prints the waiting pairs earlier than `limit`; a null limit
-// means the end of the data: every pair, then what is still on screen.
-void decode_before(srt_writer& s, const int64_t* limit) {
+// Decodes and prints the waiting pairs before `end`; at the end of the data
+// (`finish`) also the caption still on screen.
+void decode_until(srt_writer& s, std::multimap<int64_t, std::pair<uint8_t, uint8_t>>::iterator end, bool finish) {
   std::vector<srt_cue> cues;
-  auto it = s.waiting.begin();
-  for (; it != s.waiting.end() && (!limit || it->first < *limit); ++it)
+  for (auto it = s.waiting.begin(); it != end; ++it)
     cc608_decode_pair(s.decoder, it->first, it->second.first, it->second.second, cues);
-  s.waiting.erase(s.waiting.begin(), it);
-  if (!limit) cc608_decode_finish(s.decoder, cues);
+  s.waiting.erase(s.waiting.begin(), end);
+  if (finish) cc608_decode_finish(s.decoder, cues);
   for (const srt_cue& cue : cues) fputs(srt_block(++s.cues_written, cue).c_str(), stdout);
+}
+
+// Times come from the stream and may lie anywhere in 64 bits: the lag is
+// measured without signed overflow.
+bool srt_wait_too_long(const srt_writer& s) {
+  const uint64_t lag =
+      static_cast<uint64_t>(s.waiting.rbegin()->first) - static_cast<uint64_t>(s.waiting.begin()->first);
+  return s.waiting.size() > srt_waiting_max || lag > static_cast<uint64_t>(srt_lag_max_ms);
 }
 
 void srt_take_event(srt_writer& s, const caption_event_record& ev) {
   if (ev.cc608.empty()) return;
-  decode_before(s, &ev.cc608.front().time_ms);
+  decode_until(s, s.waiting.lower_bound(ev.cc608.front().time_ms), false);
   for (const caption_pair_at& p : ev.cc608) s.waiting.emplace(p.time_ms, std::make_pair(p.b0, p.b1));
-  while (s.waiting.size() > srt_waiting_max ||
-         s.waiting.rbegin()->first - s.waiting.begin()->first > srt_lag_max_ms) {
-    const int64_t after_oldest = s.waiting.begin()->first + 1;
-    decode_before(s, &after_oldest);
-  }
+  while (!s.waiting.empty() && srt_wait_too_long(s))
+    decode_until(s, s.waiting.upper_bound(s.waiting.begin()->first), false);
 }
 
 void report_problems(const std::vector<std::string>& problems) {
@@ -104,8 +108,7 @@ int main(int argc, char** argv) {
   }
   if (a53) return a53_remux_run();
 
-  ts_splitter splitter;
-  caption_stream_reader reader;
+  caption_byte_reader captions;
   srt_writer srt_out;
   std::vector<unsigned char> chunk(1 << 16);
   for (;;) {
@@ -116,20 +119,14 @@ int main(int argc, char** argv) {
       fprintf(stderr, "pelvane-cc: failed to read standard input: %s\n", strerror(errno));
       return 1;
     }
-    const size_t n = static_cast<size_t>(got);
-    const bool eof = n == 0;
-    std::vector<ts_packet> packets;
-    std::vector<std::string> problems;
-    ts_split(splitter, chunk.data(), n, eof, packets, problems);
-    report_problems(problems);
+    const bool eof = got == 0;
     caption_read_output found;
-    for (const ts_packet& pkt : packets) caption_reader_take(reader, pkt.data(), found);
-    if (eof) caption_reader_finish(reader, found);
+    caption_bytes_take(captions, chunk.data(), static_cast<size_t>(got), eof, found);
     print_events(found, srt, srt_out);
     if (eof) break;
   }
   if (srt) {
-    decode_before(srt_out, nullptr);
+    decode_until(srt_out, srt_out.waiting.end(), true);
     fflush(stdout);
   }
   return 0;
