@@ -12,10 +12,10 @@
 #include <string>
 #include <vector>
 
-#include "v2/captions/a53_remux.h"
-#include "v2/captions/caption_event_json.h"
-#include "v2/captions/caption_event_reader.h"
-#include "v2/captions/cc608_decoder.h"
+#include "v2/cc/a53_remux.h"
+#include "v2/cc/caption_event_json.h"
+#include "v2/cc/caption_event_reader.h"
+#include "v2/cc/cc608_decoder.h"
 
 namespace {
 

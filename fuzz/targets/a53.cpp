@@ -10,7 +10,7 @@
 #include <algorithm>
 
 #include "fuzz/fuzz_support.h"
-#include "v2/captions/a53.h"
+#include "v2/cc/a53.h"
 
 namespace {
 

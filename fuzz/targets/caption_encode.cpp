@@ -14,7 +14,7 @@
 
 #include "fuzz/fuzz_support.h"
 #include "v2/captions/caption_event_format.h"
-#include "v2/captions/caption_event_reader.h"
+#include "v2/cc/caption_event_reader.h"
 
 namespace {
 

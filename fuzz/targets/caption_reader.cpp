@@ -7,9 +7,9 @@
 #include <algorithm>
 
 #include "fuzz/fuzz_support.h"
-#include "v2/captions/a53.h"
-#include "v2/captions/caption_event_reader.h"
-#include "v2/captions/cc608_decoder.h"
+#include "v2/cc/a53.h"
+#include "v2/cc/caption_event_reader.h"
+#include "v2/cc/cc608_decoder.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   ts_splitter s;

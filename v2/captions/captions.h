@@ -11,7 +11,7 @@
 //     writes whole transport packets, and splices it in front of them.
 //  4. vtt_event_ts_encode (caption_encode.cpp) turns that event into packets
 //     on PID 0x1FFE, in the format of caption_event_format.h, which
-//     pelvane-cc reads back (caption_event_reader.h).
+//     pelvane-cc reads back (v2/cc/caption_event_reader.h).
 //
 // Stages 1 and 2 are the producing side of the queue, 3 and 4 the consuming
 // side; both run on the relay loop's one thread, so the queue has no lock.

@@ -5,7 +5,7 @@
 #include "tests/unit/captions/caption_test_util.h"
 #include "tests/unit/test_support.h"
 #include "v2/captions/caption_event_format.h"
-#include "v2/captions/caption_event_reader.h"
+#include "v2/cc/caption_event_reader.h"
 
 namespace {
 

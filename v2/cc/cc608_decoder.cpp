@@ -1,4 +1,4 @@
-#include "v2/captions/cc608_decoder.h"
+#include "v2/cc/cc608_decoder.h"
 
 #include <algorithm>
 #include <cinttypes>

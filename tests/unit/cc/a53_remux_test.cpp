@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "v2/captions/a53_remux.h"
+#include "v2/cc/a53_remux.h"
 
 namespace {
 

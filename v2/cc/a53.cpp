@@ -1,4 +1,4 @@
-#include "v2/captions/a53.h"
+#include "v2/cc/a53.h"
 
 #include <algorithm>
 

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "v2/captions/caption_event_json.h"
+#include "v2/cc/caption_event_json.h"
 
 namespace {
 

@@ -1,5 +1,6 @@
-// v2/captions/a53.h -- agreed interface between the two developers of pelvane-cc --a53.
-// Owner of this file: the "a53 library" developer. The "plumbing" developer codes against it.
+// A/53 cc_data for pelvane-cc --a53: caption events become cc_data triplets,
+// queued by due time, taken picture by picture and written into H.264 SEI or
+// MPEG-2 user data.
 #pragma once
 
 #include <cstddef>
@@ -7,7 +8,7 @@
 #include <map>
 #include <vector>
 
-#include "v2/captions/caption_event_reader.h"
+#include "v2/cc/caption_event_reader.h"
 
 // One cc_data triplet as it goes into the picture: the header byte
 // (marker bits 11111, cc_valid, cc_type: FC = CEA-608 field 1, FF = DTVCC

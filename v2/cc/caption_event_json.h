@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-#include "v2/captions/caption_event_reader.h"
+#include "v2/cc/caption_event_reader.h"
 
 // A JSON string literal for arbitrary bytes: valid UTF-8 is kept, quotes,
 // backslashes and control characters are escaped, and each byte that is not

@@ -1,4 +1,4 @@
-#include "v2/captions/caption_event_json.h"
+#include "v2/cc/caption_event_json.h"
 
 #include <cinttypes>
 #include <cstdio>

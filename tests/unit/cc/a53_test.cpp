@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/unit/captions/caption_test_util.h"
-#include "v2/captions/a53.h"
+#include "v2/cc/a53.h"
 
 namespace {
 

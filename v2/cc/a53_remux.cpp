@@ -16,7 +16,7 @@
 //
 // Pictures with nothing due carry no cc_data: the decoders checked (the
 // ffmpeg tool's, mux.js, mpv, VLC) need no padding triplets.
-#include "v2/captions/a53_remux.h"
+#include "v2/cc/a53_remux.h"
 
 #include <signal.h>
 #include <unistd.h>
@@ -30,9 +30,9 @@
 #include <string>
 #include <vector>
 
-#include "v2/captions/a53.h"
 #include "v2/captions/caption_event_format.h"
-#include "v2/captions/caption_event_reader.h"
+#include "v2/cc/a53.h"
+#include "v2/cc/caption_event_reader.h"
 #include "v2/ff_util.h"
 
 namespace {
