@@ -72,7 +72,6 @@ bool parse_request_head(std::string_view head, http_request& req, std::string& e
     head.remove_prefix(std::min(head.size(), end + 1));
     if (line.ends_with('\r')) line.remove_suffix(1);
     if (line.empty() && !first) break;
-    if (line.find('\r') != std::string_view::npos) return fail(error, "a CR inside a line");
     if (first) {
       if (!parse_request_line(line, req, error)) return false;
       first = false;

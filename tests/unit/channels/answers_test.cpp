@@ -40,7 +40,7 @@ TEST(Answers, StatusByRequest) {
       {"GET /lineup.json HTTP/1.1\r\nHost: a\"><b\r\n\r\n", "400"}, {"GET /lineup.json HTTP/1.1\r\nHost: a:123456\r\n\r\n", "400"},
       {"GET /lineup.json HTTP/1.1\r\nHost: [::1]x\r\n\r\n", "400"}, {"GET /lineup.json HTTP/1.1\r\nHost: a b\r\n\r\n", "400"},
       {"GET /channel/7\r\n\r\n", "400"},                       {"GET /channel/7 HTTP/2.0\r\n\r\n", "400"},
-      {"GET  /channel/7 HTTP/1.0\r\n\r\n", "400"},             {"GET /chan\rnel/7 HTTP/1.0\r\n\r\n", "400"},
+      {"GET  /channel/7 HTTP/1.0\r\n\r\n", "400"},             {"GET /chan\tnel/7 HTTP/1.0\r\n\r\n", "400"},
       {"GET http://h/channel/7 HTTP/1.0\r\n\r\n", "400"},      {"G(T /channel/7 HTTP/1.0\r\n\r\n", "400"},
       {"GET /channel/7 HTTP/1.0\r\nX: a\r\n folded\r\n\r\n", "400"}, {"GET /channel/7 HTTP/1.0\r\n: nameless\r\n\r\n", "400"},
       {"GET /channel/7 HTTP/1.0\r\nX: a\x01\r\n\r\n", "400"}, {"\r\n\r\n", "400"},
@@ -73,7 +73,7 @@ TEST(Json, Strings) {
   const std::pair<std::string, std::string> cases[] = {
       {"a\"b\\c", "\"a\\\"b\\\\c\""}, {std::string("\x01\n\x1f\x7f", 4), "\"\\u0001\\u000a\\u001f\x7f\""},
       {"caf\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x93\xBA", "\"caf\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x93\xBA\""},
-      {"\xE9t\xC0\xAF \xED\xA0\x80 \xF4\x90\x80\x80 \xE2\x82", "\"\\ufffdt\\ufffd\\ufffd \\ufffd\\ufffd\\ufffd \\ufffd\\ufffd\\ufffd\\ufffd \\ufffd\\ufffd\""},
+      {"\xE9t\xC0\xAF\xE0\x80\xAF \xED\xA0\x80 \xF4\x90\x80\x80 \xE2\x82", "\"\\ufffdt\\ufffd\\ufffd\\ufffd\\ufffd\\ufffd \\ufffd\\ufffd\\ufffd \\ufffd\\ufffd\\ufffd\\ufffd \\ufffd\\ufffd\""},
   };
   for (const auto& [in, want] : cases) EXPECT_EQ(json_string(in), want) << in;
 }

@@ -31,8 +31,8 @@ TEST(ChannelList, Reading) {
        "#EXTINF:-1 tvg-chno=\"5.1\",A\nhttp://a\n#EXTINF:-1 tvg-chno=5.1,B\nhttp://b\nhttp://c\n",
        "5.1|A|http://a\n3|Channel 3|http://c\n1 problems"},
       {"a position already taken by a tvg-chno", "#EXTINF:-1 tvg-chno=2,A\nhttp://a\nhttp://b\n", "2|A|http://a\n1 problems"},
-      {"bad tvg-chno: numbered by position", "#EXTINF:-1 tvg-chno=\"1a\",A\nhttp://a\n#EXTINF:-1 tvg-chno=\"1.\",B\nhttp://b\n",
-       "1|A|http://a\n2|B|http://b\n2 problems"},
+      {"bad tvg-chno: numbered by position", "#EXTINF:-1 tvg-chno=\"1a\",A\nhttp://a\n#EXTINF:-1 tvg-chno=\"1.\",B\nhttp://b\n"
+       "#EXTINF:-1 tvg-chno=1234567890123456,C\nhttp://c\n", "1|A|http://a\n2|B|http://b\n3|C|http://c\n3 problems"},
       {"schemes pelvane refuses", "udp://239.0.0.1:1234\nHTTP://h/a\nfile:///etc/passwd\nhttps://h/ok\ntcp://h:1\nrtsp://h/s\n",
        "4|Channel 4|https://h/ok\n5|Channel 5|tcp://h:1\n6|Channel 6|rtsp://h/s\n3 problems"},
       {"title falls back to tvg-name", "#EXTINF:-1 tvg-name=\"Sport\"\nhttp://h/s\n#extinf:0 tvg-name=\"\",\nhttp://h/t\n",
