@@ -24,7 +24,7 @@
 namespace {
 
 // A list larger than this is refused rather than read.
-constexpr size_t list_max = 4 << 20;
+constexpr size_t list_max = 32 << 20;
 
 // After an answer, what the client still sends is read and dropped, at most
 // this much and this long: closing with unread data would reset the
@@ -49,7 +49,7 @@ bool read_list_file(const std::string& path, std::string& text, std::string& err
   const int read_errno = errno;
   close(fd);
   if (n < 0) error = strerror(read_errno);
-  else if (text.size() > list_max) error = "larger than 4 MiB";
+  else if (text.size() > list_max) error = "larger than 32 MiB";
   return error.empty();
 }
 

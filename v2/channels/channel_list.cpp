@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <set>
 
 #include "v2/relay_contract.h"
 
@@ -170,6 +171,7 @@ channel_list read_channel_list(std::string_view text) {
   bool have_extinf = false;
   int line_number = 0;
   int position = 0;
+  std::set<std::string> taken;  // numbers given so far: provider lists run to tens of thousands
   auto report = [&](int line, const std::string& what) {
     list.problems.push_back("line " + std::to_string(line) + ": " + what);
   };
@@ -190,7 +192,7 @@ channel_list read_channel_list(std::string_view text) {
     std::string problem;
     const bool made = make_channel(have_extinf ? pending : extinf{}, line, ++position, ch, problem);
     if (!problem.empty()) report(line_number, problem);
-    if (made && find_channel(list, ch.number)) {
+    if (made && !taken.insert(ch.number).second) {
       report(line_number, "left out: an earlier channel has the number " + ch.number);
     } else if (made) {
       list.channels.push_back(std::move(ch));
