@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <cstdio>
 
-#include "v2/channels/json.h"
+#include "v2/json/json.h"
 #include "v2/relay_contract.h"
 
 namespace {

@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "v2/channels/command_line.h"
-#include "v2/channels/json.h"
 
 namespace {
 
@@ -67,15 +66,6 @@ TEST(Answers, Bodies) {
     EXPECT_NE(discover.find(field), std::string::npos) << discover;
   EXPECT_EQ(relay_command("/usr/bin/pelvane", list.channels.at(0)),
             (std::vector<std::string>{"/usr/bin/pelvane", "--mime-type", "--mp4", "-w", "640", "--url", "http://src/news"}));
-}
-
-TEST(Json, Strings) {
-  const std::pair<std::string, std::string> cases[] = {
-      {"a\"b\\c", "\"a\\\"b\\\\c\""}, {std::string("\x01\n\x1f\x7f", 4), "\"\\u0001\\u000a\\u001f\x7f\""},
-      {"caf\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x93\xBA", "\"caf\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x93\xBA\""},
-      {"\xE9t\xC0\xAF\xE0\x80\xAF \xED\xA0\x80 \xF4\x90\x80\x80 \xE2\x82", "\"\\ufffdt\\ufffd\\ufffd\\ufffd\\ufffd\\ufffd \\ufffd\\ufffd\\ufffd \\ufffd\\ufffd\\ufffd\\ufffd \\ufffd\\ufffd\""},
-  };
-  for (const auto& [in, want] : cases) EXPECT_EQ(json_string(in), want) << in;
 }
 
 TEST(CommandLine, Table) {
