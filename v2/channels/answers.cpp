@@ -45,10 +45,14 @@ std::string xml_text(std::string_view s) {
   return out;
 }
 
+// The model the tuner claims: an ordinary network tuner's. A model containing
+// "HDTC" would make Jellyfin ask for transcoded variants of each channel.
+constexpr const char* model_number = "HDHR4-2US";
+
 std::string discover_json(const tuner_identity& id, const std::string& base) {
   return json_object({{"FriendlyName", json_string(id.name)},
                       {"Manufacturer", json_string("pelvane")},
-                      {"ModelNumber", json_string("HDHR4-2US")},
+                      {"ModelNumber", json_string(model_number)},
                       {"FirmwareName", json_string("hdhomerun4_atsc")},
                       {"FirmwareVersion", json_string("20240101")},
                       {"DeviceID", json_string(id.device_id)},
@@ -81,28 +85,18 @@ std::string lineup_status_json() {
 }
 
 std::string device_xml(const tuner_identity& id, const std::string& base) {
-  return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-         "<root xmlns=\"urn:schemas-upnp-org:device-1-0\">\n"
-         "<specVersion><major>1</major><minor>0</minor></specVersion>\n"
-         "<URLBase>" +
-         base +
-         "</URLBase>\n"
-         "<device>\n"
-         "<deviceType>urn:schemas-upnp-org:device:MediaServer:1</deviceType>\n"
-         "<friendlyName>" +
-         xml_text(id.name) +
-         "</friendlyName>\n"
-         "<manufacturer>pelvane</manufacturer>\n"
-         "<modelName>HDHR4-2US</modelName>\n"
-         "<modelNumber>HDHR4-2US</modelNumber>\n"
-         "<serialNumber>" +
-         id.device_id +
-         "</serialNumber>\n"
-         "<UDN>uuid:" +
-         id.device_id +
-         "-0000-0000-0000-000000000000</UDN>\n"
-         "</device>\n"
-         "</root>\n";
+  std::string out = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n";
+  out += "<root xmlns=\"urn:schemas-upnp-org:device-1-0\">\n";
+  out += "<specVersion><major>1</major><minor>0</minor></specVersion>\n";
+  out += "<URLBase>" + base + "</URLBase>\n<device>\n";
+  out += "<deviceType>urn:schemas-upnp-org:device:MediaServer:1</deviceType>\n";
+  out += "<friendlyName>" + xml_text(id.name) + "</friendlyName>\n";
+  out += "<manufacturer>pelvane</manufacturer>\n";
+  out += "<modelName>" + std::string(model_number) + "</modelName>\n";
+  out += "<modelNumber>" + std::string(model_number) + "</modelNumber>\n";
+  out += "<serialNumber>" + id.device_id + "</serialNumber>\n";
+  out += "<UDN>uuid:" + id.device_id + "-0000-0000-0000-000000000000</UDN>\n";
+  return out + "</device>\n</root>\n";
 }
 
 // The channel number a path asks for, or false when it is no channel route.
