@@ -172,9 +172,9 @@ std::vector<std::string> relay_command(const std::string& pelvane, const channel
   return argv;
 }
 
-std::string device_id_for(std::string_view seed) {
+std::string device_id_for(std::string_view key) {
   uint32_t h = 2166136261u;  // FNV-1a
-  for (char c : seed) h = (h ^ static_cast<uint8_t>(c)) * 16777619u;
+  for (char c : key) h = (h ^ static_cast<uint8_t>(c)) * 16777619u;
   char hex[9];
   snprintf(hex, sizeof hex, "%08X", h);
   return hex;

@@ -41,5 +41,5 @@ std::string error_response(int status, std::string_view why, bool head_only = fa
 // pelvane's argument vector for relaying `ch`; nothing in it comes from the client.
 std::vector<std::string> relay_command(const std::string& pelvane, const channel& ch);
 
-// A device id of 8 hex digits derived from `seed`, the same for the same seed.
-std::string device_id_for(std::string_view seed);
+// A device id of 8 hex digits derived from `key`, the same for the same key.
+std::string device_id_for(std::string_view key);
