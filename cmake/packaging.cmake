@@ -3,10 +3,10 @@
 # as Debian ships them; man reads them compressed under any prefix.
 include(GNUInstallDirs)
 
-install(TARGETS pelvane pelvane-cc RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(TARGETS pelvane pelvane-cc pelvane-channels RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 
 set(pelvane_man_gz)
-foreach(page pelvane.1 pelvane-cc.1)
+foreach(page pelvane.1 pelvane-cc.1 pelvane-channels.1)
   set(gz ${CMAKE_BINARY_DIR}/man/${page}.gz)
   add_custom_command(OUTPUT ${gz}
     COMMAND ${CMAKE_COMMAND} -E make_directory ${CMAKE_BINARY_DIR}/man
@@ -46,5 +46,7 @@ set(CPACK_DEBIAN_PACKAGE_DESCRIPTION "pelvane reads one live source (RTSP, RTMP,
 writes it to standard output as an MPEG transport stream or fragmented MP4,
 copying packets and repairing their time stamps. WebVTT cues travel along as
 caption events, which pelvane-cc reads back. It is started once per client,
-for example by systemd socket activation.")
+for example by systemd socket activation. pelvane-channels serves a whole
+M3U channel list on one port, as a playlist and as a network tuner that
+media servers add by address, and starts pelvane for the channel asked for.")
 include(CPack)

@@ -358,9 +358,7 @@ void announce(const input_side& in, output_side& out, my_avio_ctx& sink) {
     end_run(1);
   }
   if (emit_mime_type) {
-    fputs("HTTP/1.0 200 OK\n", stdout);
-    fputs(allow_mp4 ? "Content-Type: video/mp4\n" : "Content-Type: video/mp2t\n", stdout);
-    fputs("\n", stdout);
+    fputs(relay_response_head(allow_mp4), stdout);
     fflush(stdout);
   }
   sink_release_output(sink);

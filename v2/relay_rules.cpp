@@ -63,13 +63,6 @@ option_outcome parse_command_line(int argc, const char* const* argv, run_options
   return option_outcome{};
 }
 
-source_scheme classify_source_url(const std::string& url) {
-  if (url.starts_with("rtsp://")) return scheme_rtsp;
-  for (const char* prefix : {"rtmp://", "rtmps://", "http://", "https://", "tcp://"})
-    if (url.starts_with(prefix)) return scheme_relayed;
-  return scheme_refused;
-}
-
 bool is_accepted_video(const stream_desc& s) {
   if (!s.has_params || s.codec_type != AVMEDIA_TYPE_VIDEO) return false;
   return s.codec_id == AV_CODEC_ID_MPEG1VIDEO || s.codec_id == AV_CODEC_ID_MPEG2VIDEO ||

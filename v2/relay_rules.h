@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "v2/relay_contract.h"
+
 // ---- command line ----
 
 struct run_options {
@@ -29,9 +31,6 @@ struct option_outcome {
 option_outcome parse_command_line(int argc, const char* const* argv, run_options& opts);
 
 extern const char usage_text[];
-
-enum source_scheme { scheme_rtsp, scheme_relayed, scheme_refused };
-source_scheme classify_source_url(const std::string& url);
 
 // ---- stream choice ----
 

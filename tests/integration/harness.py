@@ -1,6 +1,6 @@
 # Shared machinery for the integration tests (stdlib only): ports, processes that never outlive
 # a test, generated media, running pelvane, sanitizer reports and readers of the output.
-# Environment (set by ctest): PELVANE_BIN, PELVANE_CC_BIN, PELVANE_WORK, PELVANE_MEDIA.
+# Environment (set by ctest): PELVANE_BIN, PELVANE_CC_BIN, PELVANE_CHANNELS_BIN, PELVANE_WORK, PELVANE_MEDIA.
 
 import collections
 import contextlib
@@ -8,6 +8,7 @@ import fcntl
 import json
 import os
 import pathlib
+import shutil
 import resource
 import signal
 import socket
@@ -21,6 +22,7 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 REPO = os.path.dirname(os.path.dirname(HERE))
 BIN = os.environ.get('PELVANE_BIN') or os.path.join(REPO, 'build', 'sys', 'v2', 'pelvane')
 CC_BIN = os.environ.get('PELVANE_CC_BIN') or os.path.join(REPO, 'build', 'sys', 'v2', 'pelvane-cc')
+CHANNELS_BIN = os.environ.get('PELVANE_CHANNELS_BIN') or os.path.join(REPO, 'build', 'sys', 'v2', 'pelvane-channels')
 MEDIA = os.environ.get('PELVANE_MEDIA') or os.path.join(REPO, 'build', 'media')
 WORK = os.environ.get('PELVANE_WORK') or tempfile.gettempdir()
 MIME_HEAD_TS = b'HTTP/1.0 200 OK\nContent-Type: video/mp2t\n\n'
@@ -50,6 +52,11 @@ def free_port(host='127.0.0.1'):
 # A missing peer or decoder fails the test, naming what installs it.
 def require(path, package):
     assert os.path.exists(path), '%s is missing: install the Debian package %s (make deps)' % (path, package)
+
+
+def need(tool, package):
+    require(shutil.which(tool) or '/usr/bin/' + tool, package)
+    return shutil.which(tool)
 
 
 def wait_for(predicate, timeout, step=0.05):
@@ -97,6 +104,23 @@ class Proc:
         return self.popen.returncode
 
     log_text = lambda self: read_file(self.log_path, True) if self.log_path and os.path.exists(self.log_path) else ''
+
+
+# A front end that starts `argv` per connection on 127.0.0.1:port, with the connection as
+# standard input and output: systemd's socket activation ('socket-activate') or socat.
+def front_end(kind, port, argv):
+    front = Proc([need('systemd-socket-activate', 'systemd'), '--inetd', '-a', '-l', '127.0.0.1:%d' % port] + argv
+                 if kind == 'socket-activate' else [need('socat', 'socat'), 'TCP-LISTEN:%d,bind=127.0.0.1,reuseaddr,fork'
+                                                    % port, 'EXEC:' + ' '.join("'%s'" % a for a in argv)],
+                 log_path=scratch('%s-%d.log' % (kind, port)))
+    assert wait_listen(port, 10, front), front.log_text()
+    return front
+
+
+# Live (not zombie) pelvane processes of a front end's session.
+def relays_in(session):
+    ps = subprocess.run(['ps', '-o', 'stat=,comm=', '--sid', str(session)], capture_output=True, text=True).stdout
+    return [line for line in ps.splitlines() if line.split()[1:] == ['pelvane'] and not line.startswith('Z')]
 
 
 def stop_all():
@@ -213,6 +237,7 @@ def ffprobe_json(path, key, *entries):
 
 
 ffprobe_streams = lambda path: ffprobe_json(path, 'streams', '-show_streams')  # noqa: E731
+codecs = lambda path_or_url: sorted(s['codec_name'] for s in ffprobe_streams(path_or_url))  # noqa: E731
 ffprobe_packets = lambda path: ffprobe_json(path, 'packets', '-show_entries',  # noqa: E731
                                             'packet=stream_index,codec_type,dts,flags')
 

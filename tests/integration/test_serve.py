@@ -3,7 +3,6 @@
 
 import os
 import re
-import shutil
 import subprocess
 import sys
 import unittest
@@ -12,18 +11,7 @@ sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import harness  # noqa: E402
 import peers  # noqa: E402
 
-def need(tool, package):
-    harness.require(shutil.which(tool) or '/usr/bin/' + tool, package)
-    return shutil.which(tool)
-
-
-# Live (not zombie) pelvane processes of the front end's session.
-def relays_in(session):
-    ps = subprocess.run(['ps', '-o', 'stat=,comm=', '--sid', str(session)], capture_output=True, text=True).stdout
-    return [line for line in ps.splitlines() if line.split()[1:] == ['pelvane'] and not line.startswith('Z')]
-
-
-codecs = lambda path_or_url: sorted(s['codec_name'] for s in harness.ffprobe_streams(path_or_url))  # noqa: E731
+need, relays_in, codecs = harness.need, harness.relays_in, harness.codecs
 
 
 class Serve(unittest.TestCase):
@@ -32,11 +20,7 @@ class Serve(unittest.TestCase):
         with peers.HttpPeer() as source:
             relay = [harness.BIN, '--mime-type', '--url', source.url(os.path.basename(harness.media_path('bulk.ts')))]
             for kind, port in (('socket-activate', harness.free_port()), ('socat', harness.free_port())):
-                front = harness.Proc([need('systemd-socket-activate', 'systemd'), '--inetd', '-a', '-l',
-                                      '127.0.0.1:%d' % port] + relay if kind == 'socket-activate' else [
-                    need('socat', 'socat'), 'TCP-LISTEN:%d,bind=127.0.0.1,reuseaddr,fork' % port,
-                    'EXEC:' + ' '.join("'%s'" % a for a in relay)], log_path=harness.scratch(kind + '.log'))
-                self.assertTrue(harness.wait_listen(port, 10, front), front.log_text())
+                front = harness.front_end(kind, port, relay)
                 url = 'http://127.0.0.1:%d/' % port
                 # Two clients at once, each with its own relay, each read for 1 MB.
                 curls = [subprocess.Popen([need('curl', 'curl'), '-sS', '-N', '-i', '--max-time', '30', url],
@@ -54,7 +38,8 @@ class Serve(unittest.TestCase):
                 front.stop()
 
     def test_manual_pages_lint_clean_and_list_every_usage_option(self):
-        for program, page in ((harness.BIN, 'pelvane.1'), (harness.CC_BIN, 'pelvane-cc.1')):
+        for program, page in ((harness.BIN, 'pelvane.1'), (harness.CC_BIN, 'pelvane-cc.1'),
+                              (harness.CHANNELS_BIN, 'pelvane-channels.1')):
             path = os.path.join(harness.REPO, 'man', page)
             lint = subprocess.run([need('mandoc', 'mandoc'), '-T', 'lint', '-W', 'warning', path],
                                   capture_output=True, text=True, timeout=30)

@@ -5,11 +5,7 @@
 #include <string_view>
 
 #include "v2/cc/caption_event_reader.h"
-
-// A JSON string literal for arbitrary bytes: valid UTF-8 is kept, quotes,
-// backslashes and control characters are escaped, and each byte that is not
-// part of valid UTF-8 becomes the code point of the same value (\u00XX).
-std::string json_string(std::string_view bytes);
+#include "v2/json/json.h"
 
 // {"start":..,"end":..,"identifier":"..","settings":"..","text":"..",
 //  "cc608":[[ms,"9420"],..],"cc708":[[ms,"FF","143F"],..]} without a newline.
