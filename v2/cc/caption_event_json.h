@@ -8,7 +8,8 @@
 
 // A JSON string literal for arbitrary bytes: valid UTF-8 is kept, quotes,
 // backslashes and control characters are escaped, and each byte that is not
-// part of valid UTF-8 becomes the code point of the same value (\u00XX).
+// part of valid UTF-8 becomes U+FFFD, the replacement character (\ufffd), not a
+// character of the same value such as U+00FF.
 std::string json_string(std::string_view bytes);
 
 // {"start":..,"end":..,"identifier":"..","settings":"..","text":"..",
