@@ -192,8 +192,9 @@ class Captions(harness.RelayChecks):
 
     def test_ends_when_its_reader_goes_under_ignored_sigpipe(self):
         # The relayed stream over and over, until pelvane-cc has gone; the shell reports its end by signal.
-        p = harness.Proc(['bash', '-c', "trap '' PIPE; while cat \"$1\"; do :; done | \"$2\" 2>/dev/null", 'sh', harness.write_file(
-            harness.scratch('cc-sigpipe.ts'), self.relay.stdout), harness.CC_BIN], stdout=subprocess.PIPE)
+        ts = harness.write_file(harness.scratch('cc-sigpipe.ts'), self.relay.stdout)
+        p = harness.Proc(['bash', '-c', "trap '' PIPE; while cat \"$1\"; do :; done | \"$2\" 2>/dev/null", 'sh', ts,
+                          harness.CC_BIN], stdout=subprocess.PIPE)
         self.assertTrue(p.popen.stdout.readline())
         p.popen.stdout.close()
         self.assertEqual(p.wait(5.0), 128 + signal.SIGPIPE)
