@@ -190,7 +190,12 @@ class Captions(harness.RelayChecks):
                                             'dropped\n'))
         self.assertEqual(nal_units(harness.write_file(harness.scratch('a53-again.ts'), out)), nal_units(self.a53_path))
 
-    def test_ends_when_its_reader_goes_under_ignored_sigpipe(self):
+    def test_ends_when_its_reader_goes_under_ignored_sigpipe_or_output_fails(self):
+        with open('/dev/full', 'wb') as full:
+            r = subprocess.run([harness.CC_BIN], input=self.relay.stdout, stdout=full, stderr=subprocess.PIPE,
+                               timeout=60)
+        self.assertEqual((r.returncode, r.stderr), (1, b'pelvane-cc: failed to write standard output: No space left on '
+                                                       b'device\n'))
         # The relayed stream over and over, until pelvane-cc has gone; the shell reports its end by signal.
         ts = harness.write_file(harness.scratch('cc-sigpipe.ts'), self.relay.stdout)
         p = harness.Proc(['bash', '-c', "trap '' PIPE; while cat \"$1\"; do :; done | \"$2\" 2>/dev/null", 'sh', ts,

@@ -34,7 +34,7 @@ TEST(A53, Mpeg2UserDataAfterPictureExtensions) {
 
 TEST(A53, CcCountOfTheFrameRate) {
   const struct { int num, den; size_t cc_count; } cases[] = {{24000, 1001, 25}, {24, 1, 25}, {25, 1, 24},
-      {30000, 1001, 20}, {30, 1, 20}, {50, 1, 12}, {60000, 1001, 10}, {60, 1, 10}, {0, 1, 20}, {25, 0, 20}, {1, 1, 31}, {1000, 1, 3}};
+      {30000, 1001, 20}, {30, 1, 20}, {50, 1, 12}, {60000, 1001, 10}, {60, 1, 10}, {0, 1, 20}, {25, 0, 20}, {48, 1, 13}, {1, 1, 31}, {1000, 1, 3}};
   for (const auto& c : cases) EXPECT_EQ(a53_cc_count(c.num, c.den), c.cc_count) << c.num << "/" << c.den;
 }
 
