@@ -48,9 +48,10 @@ TEST(A53, PicturesTakeDueTripletsInPresentationOrder) {
       {"608 first, each kind in due order; what does not fit waits", 4,
        {{10, {0xFF, 1}}, {50, {0xFC, 2}}, {20, {0xFE, 4}}, {50, {0xFC, 3}}, {20, {0xFE, 5}}},
        {{0, 60}, {1, 70}}, {{2, 3, 1}, {4, 5}}},
+      {"each by its own time", 20, {{20, {0xFC, 1}}, {30, {0xFC, 2}}}, {{0, 10}, {1, 30}, {2, 20}}, {{}, {2}, {1}}},
       {"a picture shown earlier but written later comes first", 3,
-       {{10, {0xFC, 1}}, {10, {0xFC, 2}}, {10, {0xFC, 3}}, {20, {0xFC, 4}}},
-       {{0, 10}, {1, 30}, {2, 20}}, {{1, 2}, {}, {3, 4}}},
+       {{10, {0xFC, 1}}, {10, {0xFC, 2}}, {10, {0xFC, 3}}, {20, {0xFC, 4}}, {30, {0xFC, 5}}},
+       {{0, 10}, {1, 30}, {2, 20}}, {{1, 2}, {5}, {3, 4}}},
   };
   for (const auto& c : cases) {
     a53_queue q;
@@ -91,7 +92,7 @@ TEST(A53, FindsCaptionsAlreadyInThePicture) {
   const struct { const char* name; bool h264; const char* pic; bool found; } cases[] = {
       {"SEI: another message, then cc_data", true,
        "00 00 00 01 06 00 01 C0 04 0E B5 00 31 \"GA94\" 03 C1 FF FC 80 80 FF 80 00 00 01 65 88", true},
-      {"SEI: unregistered user data", true, "00 00 01 06 05 08 \"GA94\" 03 C1 FF FF 80 00 00 01 65 88", false},
+      {"SEI: unregistered user data", true, "00 00 01 06 05 09 B5 00 31 \"GA94\" 03 C1 80 00 00 01 65 88", false},
       {"MPEG-2 cc_data", false, "00 00 01 00 01 4F 00 00 01 B2 \"GA94\" 03 C1 FF FC 80 80 FF 00 00 01 01 22", true},
       {"MPEG-2 other user data", false, "00 00 01 00 01 4F 00 00 01 B2 \"DTG1\" 00 00 01 01 22", false},
   };
@@ -109,10 +110,10 @@ TEST(A53, QueueTimesLayoutAndBound) {
   EXPECT_EQ(a53_user_data(a53_take_for_picture(q, 1180, 4)),
             hex_bytes("\"GA94\" 03 C4 FF FC 94 20 FD 80 80 FF 14 3F FA 00 00 FF"));
 
-  ev.cc708.clear(), ev.cc608.clear();
+  ev.cc708 = {{-1, 0xFF, 0x1111}}, ev.cc608.clear();  // the oldest of all: the first to go
   for (int64_t i = 0; i < int64_t(a53_queue_limit) + 40; ++i) ev.cc608.push_back({i, 0x94, 0x20});
   a53_queue_event(q, ev, 0);
-  EXPECT_EQ(std::make_pair(q.dropped, q.field1.begin()->first), std::make_pair(size_t{40}, int64_t{40 * 90}));
+  EXPECT_EQ(std::make_tuple(q.dropped, q.dtvcc.size(), q.field1.begin()->first), std::make_tuple(41, 0, 40 * 90));
   EXPECT_EQ(a53_take_for_picture(q, INT64_MAX, a53_cc_count_max)[29].data1, 0x94);  // 30 now, the rest later
   EXPECT_EQ(q.field1.begin()->first, (40 + 30) * 90);
 }
