@@ -39,7 +39,6 @@ shots=(start:5 middle:8.5 end:11.5)
 printf 'WEBVTT\n\n00:00:01.000 --> 00:00:03.000\n%s\n\n00:00:%02d.000 --> 00:00:%02d.000 line:80%%\n%s\n%s\n' \
   'A short cue first' "$long_start" "$long_end" 'A long cue, eight seconds, café ½ ♪' '<i>shown for its whole time</i>' \
   >"$work/cue.vtt"
-# With a sound track: VLC was seen showing no captions for a stream of video alone.
 ffmpeg -nostdin -v error -f lavfi -i testsrc=size=640x360:rate=25 -f lavfi -i sine=frequency=440:sample_rate=48000 \
   -t 16 -c:v libx264 -preset veryfast -g 25 -bf 0 -pix_fmt yuv420p -c:a aac -b:a 64k "$work/video.mkv"
 ffmpeg -nostdin -v error -i "$work/video.mkv" -i "$work/cue.vtt" -map 0 -map 1 -c copy "$work/source.mkv"
