@@ -6,9 +6,10 @@
 # reference: the same stream re-encoded by the ffmpeg tool with
 # `libx264 -a53cc 1`, so with captions FFmpeg itself wrote; at each shot mpv
 # is asked for the caption text it has (its sub-text property) in both.
-# mpv 0.35 lists the captions track as selected from the start but decodes it
-# only once it is selected again while playing: the script does that through
-# mpv's IPC socket (by hand: press j twice).
+# mpv 0.35 finds the captions track once the first pictures are decoded and
+# does not select it (by hand: press j then); the script selects it through
+# mpv's IPC socket, as `no` and then 1, since a track selected with --sid
+# before it exists is marked selected but not decoded.
 # Not part of `make test`: a check to run by hand and look at.
 # Usage: a53-player-shot.sh [OUT_DIR] [BUILD_DIR]
 # Needs the Debian packages vlc-bin, vlc-plugin-base, vlc-plugin-video-output,
