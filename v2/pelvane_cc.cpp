@@ -3,6 +3,7 @@
 // --srt the CEA-608 captions decoded back into SRT; with --a53 it writes the
 // stream again with the captions inside the video (a53_remux.h). Problems
 // found in the stream go to standard error; reading goes on.
+#include <signal.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -67,17 +68,35 @@ void srt_take_event(srt_writer& s, const caption_event_record& ev) {
     decode_until(s, s.waiting.upper_bound(s.waiting.begin()->first), false);
 }
 
+bool output_ok() {
+  if (fflush(stdout) == 0 && !ferror(stdout)) return true;
+  fprintf(stderr, "pelvane-cc: failed to write standard output: %s\n", strerror(errno));
+  return false;
+}
+
+// A reader that has gone ends the run by SIGPIPE's default action, even under
+// a parent that ignores or blocks the signal: reading on would keep an
+// upstream pelvane and its source connection busy for nobody.
+void restore_sigpipe() {
+  signal(SIGPIPE, SIG_DFL);
+  sigset_t pipe;
+  sigemptyset(&pipe);
+  sigaddset(&pipe, SIGPIPE);
+  sigprocmask(SIG_UNBLOCK, &pipe, nullptr);
+}
+
 void report_problems(const std::vector<std::string>& problems) {
   for (const std::string& p : problems) fprintf(stderr, "%s\n", p.c_str());
 }
 
-void print_events(const caption_read_output& found, bool srt, srt_writer& s) {
+// False once standard output has failed.
+bool print_events(const caption_read_output& found, bool srt, srt_writer& s) {
   report_problems(found.problems);
   for (const caption_event_record& ev : found.events) {
     if (srt) srt_take_event(s, ev);
     else printf("%s\n", caption_event_json(ev).c_str());
   }
-  fflush(stdout);
+  return output_ok();
 }
 
 // 0: run; 1: bad arguments; 2: help asked for.
@@ -106,6 +125,7 @@ int main(int argc, char** argv) {
     fputs(usage_text, stderr);
     return args == 2 ? 0 : 1;
   }
+  restore_sigpipe();
   if (a53) return a53_remux_run();
 
   caption_byte_reader captions;
@@ -122,12 +142,9 @@ int main(int argc, char** argv) {
     const bool eof = got == 0;
     caption_read_output found;
     caption_bytes_take(captions, chunk.data(), static_cast<size_t>(got), eof, found);
-    print_events(found, srt, srt_out);
+    if (!print_events(found, srt, srt_out)) return 1;
     if (eof) break;
   }
-  if (srt) {
-    decode_until(srt_out, srt_out.waiting.end(), true);
-    fflush(stdout);
-  }
-  return 0;
+  if (srt) decode_until(srt_out, srt_out.waiting.end(), true);
+  return output_ok() ? 0 : 1;
 }

@@ -4,7 +4,9 @@
 // caption NAL unit or user data itself: H.264 a four-byte start code, SEI
 // header 06 and, once emulation prevention is undone, 04 size B5 00 31
 // <cc_data> 80, with no 00 00 00/01/02 inside; MPEG-2 00 00 01 B2 <cc_data>
-// with the header marker bits set and no 00 00 01 inside.
+// with the header marker bits set and no 00 00 01 inside; and the result is
+// found to carry captions, as a53_has_captions (also run on the input as it
+// came) reads it.
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include <algorithm>
@@ -43,6 +45,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   for (cc_triplet& c : t)
     c = {in.ConsumeIntegral<uint8_t>(), in.ConsumeIntegral<uint8_t>(), in.ConsumeIntegral<uint8_t>()};
   const bytes au = in.ConsumeRemainingBytes<uint8_t>();
+  a53_has_captions(au.data(), au.size(), h264);  // any bytes at all are read without a fault
   const bytes out = h264 ? h264_with_captions(au.data(), au.size(), t) : mpeg2_with_captions(au.data(), au.size(), t);
   if (out == au) return 0;
   FUZZ_CHECK(!t.empty() && out.size() >= au.size() + 4);
@@ -53,5 +56,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   bool found = false;
   for (size_t p = n - b; a + b >= n && p <= a && !found; ++p) found = is_caption_block(out.data() + p, k, h264, t);
   FUZZ_CHECK(found);  // the input, with one caption block inserted somewhere
+  FUZZ_CHECK(a53_has_captions(out.data(), out.size(), h264));
   return 0;
 }

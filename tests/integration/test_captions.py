@@ -8,6 +8,7 @@ import json
 import os
 import re
 import shutil
+import signal
 import subprocess
 import sys
 
@@ -38,6 +39,10 @@ CUES = [
         'Line one of three\nLine two\nLine three is here', (13013, 16016)),
     Cue('', 16500, 18000, '', '¡Sí! — ¿Qué? … ♪♪ ß', '¡Sí! -- ¿Qué? ... ♪ ♪ ß', (16517, 17985), [15],
         '¡Sí! - ¿Qué? … ♪♪ ß', (16517, 17985)),
+    Cue('long', 18500, 26500, '', 'Eight seconds on screen', 'Eight seconds on screen', (18485, 26493), [15],
+        'Eight seconds on screen', (18485, 26493)),
+    Cue('c9', 27000, 28000, '', 'After the long one', 'After the long one', (26994, 27995), [15],
+        'After the long one', (26994, 27995)),
 ]
 # The A/53 source has B-frames: its relay starts at the second key frame (2021 ms; the first has
 # no dts), so its cues come 2002 ms later (60 frames of the 608 grid). 25 frames a second.
@@ -46,18 +51,19 @@ CC_SEI = b'\x04\xb5\x00\x31GA94\x03'  # SEI type 4, T.35 country B5, provider 00
 MUXJS = ('mux.js', '7.1.0', os.path.join(os.path.expanduser('~'), '.cache', 'pelvane-npm'))
 
 stamp = lambda ms: '00:00:%02d.%03d' % (ms // 1000, ms % 1000)  # noqa: E731
-harness.register_media('captions.vtt', lambda out: harness.write_file(out, ('WEBVTT\n\n' + ''.join(
+harness.register_media('cues.vtt', lambda out: harness.write_file(out, ('WEBVTT\n\n' + ''.join(
     '%s%s --> %s%s\n%s\n\n' % (c.id and c.id + '\n', stamp(c.start), stamp(c.end), c.settings and ' ' + c.settings,
                                c.text) for c in CUES)).encode()) and None)
 AV = ['-f', 'lavfi', '-i', 'testsrc=size=320x180:rate=25', '-f', 'lavfi', '-i', 'sine=frequency=440:sample_rate=48000',
       '-c:v', 'libx264', '-preset', 'ultrafast', '-pix_fmt', 'yuv420p', '-c:a', 'aac', '-ac', '2']
-harness.register_media('captions_av.mkv', lambda out: AV + ['-t', '19', '-g', '25', '-bf', '0'])
-harness.register_media('a53_av.mkv', lambda out: AV + ['-t', '21', '-g', '50', '-bf', '3', '-b:a', '64k'])
+harness.register_media('cues_av.mkv', lambda out: AV + ['-t', '30', '-g', '25', '-bf', '0'])
+harness.register_media('cues_a53_av.mkv', lambda out: AV + ['-t', '32', '-g', '50', '-bf', '3', '-b:a', '64k'])
 # -c copy keeps the cues' identifiers and settings (re-encoding would drop them).
-for name, av, shift in (('captions_av_vtt.mkv', 'captions_av.mkv', 0), ('captions_audio_vtt.mkv', 'audio_only.mkv', 0),
-                        ('sync_run_vtt.mkv', 'sync_run.h264', 0), ('a53_av_vtt.mkv', 'a53_av.mkv', SHIFT)):
+for name, av, shift in (('cues_av_vtt.mkv', 'cues_av.mkv', 0), ('cues_audio_vtt.mkv', 'audio_only.mkv', 0),
+                        ('cues_sync_run_vtt.mkv', 'cues_sync_run.h264', 0),
+                        ('cues_a53_av_vtt.mkv', 'cues_a53_av.mkv', SHIFT)):
     harness.register_media(name, lambda out, av=av, shift=shift: ['-framerate', '25'] * av.endswith('h264') + [
-        '-i', harness.media_path(av), '-itsoffset', str(shift / 1000), '-i', harness.media_path('captions.vtt'),
+        '-i', harness.media_path(av), '-itsoffset', str(shift / 1000), '-i', harness.media_path('cues.vtt'),
         '-map', '0', '-map', '1', '-c', 'copy'])
 
 
@@ -65,14 +71,14 @@ for name, av, shift in (('captions_av_vtt.mkv', 'captions_av.mkv', 0), ('caption
 # fragment then ends in a write of 19 * 188 bytes that looks like whole transport packets.
 def sync_run_h264(out):
     frames, au = [], []
-    for nal in nal_units(harness.media_path('captions_av.mkv')):
+    for nal in nal_units(harness.media_path('cues_av.mkv')):
         au.append(b'\0\0\0\1' + nal)
         if nal[0] & 0x1F in (1, 5):  # one slice per frame
             frames, au = frames + [b''.join(au).ljust(20104, b'G')], []
     harness.write_file(out, b''.join(frames))
 
 
-harness.register_media('sync_run.h264', sync_run_h264)
+harness.register_media('cues_sync_run.h264', sync_run_h264)
 
 
 # NAL units of the first video stream, its packets' Annex B bytes copied as stored.
@@ -80,6 +86,14 @@ def nal_units(path):
     es = subprocess.run(['ffmpeg', '-nostdin', '-v', 'error', '-i', path, '-map', '0:v:0', '-c', 'copy', '-bsf:v',
                          'h264_mp4toannexb', '-f', 'h264', '-'], capture_output=True, timeout=60).stdout
     return [u.rstrip(b'\0') for u in es.split(b'\0\0\1') if u.rstrip(b'\0')]
+
+
+# Per picture of the first video stream, the bytes of A/53 cc_data FFmpeg's decoder found (0: none).
+def cc_data_sizes(path):
+    r = subprocess.run(['ffmpeg', '-nostdin', '-i', path, '-map', '0:v:0', '-vf', 'showinfo', '-f', 'null', '-'],
+                       capture_output=True, text=True, timeout=120)
+    return [int(m.group(1)) if m else 0 for m in (re.search(r'A/53 closed captions \((\d+) bytes', f) for f in
+                                                  re.split(r'\] n: *\d+ ', r.stderr)[1:])]
 
 
 def caption_packets(data):
@@ -115,12 +129,12 @@ class Captions(harness.RelayChecks):
 
     @classmethod
     def setUpClass(cls):
-        for name in ('captions_av_vtt.mkv', 'captions_audio_vtt.mkv', 'sync_run_vtt.mkv', 'a53_av_vtt.mkv'):
+        for name in ('cues_av_vtt.mkv', 'cues_audio_vtt.mkv', 'cues_sync_run_vtt.mkv', 'cues_a53_av_vtt.mkv'):
             harness.media_path(name)
         cls.http = peers.HttpPeer(harness.MEDIA).__enter__()
-        cls.relay = harness.run_pelvane(['--url', cls.http.url('captions_av_vtt.mkv')], tag='cc-file')
+        cls.relay = harness.run_pelvane(['--url', cls.http.url('cues_av_vtt.mkv')], tag='cc-file')
         cls.cc = run_cc(cls.relay.stdout)  # (status, JSON events, messages)
-        cls.a53_relay = harness.run_pelvane(['--url', cls.http.url('a53_av_vtt.mkv')], tag='a53-relay')
+        cls.a53_relay = harness.run_pelvane(['--url', cls.http.url('cues_a53_av_vtt.mkv')], tag='a53-relay')
         cls.a53 = run_cc(cls.a53_relay.stdout, '--a53')
         cls.a53_path = harness.write_file(harness.scratch('a53.ts'), cls.a53[1])
 
@@ -148,9 +162,9 @@ class Captions(harness.RelayChecks):
                                                                          for c in CUES]))
 
     def test_no_events_in_mp4_or_without_video(self):
-        mp4 = harness.run_pelvane(['--mp4', '--url', self.http.url('sync_run_vtt.mkv')], tag='cc-mp4')
+        mp4 = harness.run_pelvane(['--mp4', '--url', self.http.url('cues_sync_run_vtt.mkv')], tag='cc-mp4')
         self.assertEqual((mp4.status, mp4.stdout.count(b'MOLVAR:VTT')), (0, 0), mp4.describe())
-        audio = harness.run_pelvane(['--url', self.http.url('captions_audio_vtt.mkv')], tag='cc-audio')
+        audio = harness.run_pelvane(['--url', self.http.url('cues_audio_vtt.mkv')], tag='cc-audio')
         self.assertEqual((audio.status, 'Found VTT stream.' in audio.stderr, caption_packets(audio.stdout)),
                          (0, True, []), audio.describe())
         self.assertRelayTs(audio, ['aac'], name='cc-audio')
@@ -163,7 +177,32 @@ class Captions(harness.RelayChecks):
         is_cc = lambda nal: nal[0] & 0x1F == 6 and nal[1:2] + nal[3:3 + 8] == CC_SEI  # noqa: E731
         after = nal_units(self.a53_path)
         self.assertEqual([n for n in after if not is_cc(n)], before, 'only the caption SEI was added')
-        self.assertGreater(sum(map(is_cc, after)), 100)
+
+    def test_a53_cc_data_in_every_picture(self):
+        mpeg2 = run_cc(harness.read_file(harness.media_path('mpeg2_mp2.ts')), '--a53')
+        for name, data in (('h264', self.a53[1]), ('mpeg2', mpeg2[1])):
+            sizes = cc_data_sizes(harness.write_file(harness.scratch('every-%s.ts' % name), data))
+            self.assertEqual((len(sizes) >= 125, set(sizes)), (True, {24 * 3}), name)  # 25 fps: cc_count 24
+
+    def test_a53_video_with_captions_of_its_own_keeps_them(self):
+        status, out, err = run_cc(b''.join(caption_packets(self.a53_relay.stdout)) + self.a53[1], '--a53')
+        self.assertEqual((status, err), (0, 'pelvane-cc: the video already carries captions; caption events are '
+                                            'dropped\n'))
+        self.assertEqual(nal_units(harness.write_file(harness.scratch('a53-again.ts'), out)), nal_units(self.a53_path))
+
+    def test_ends_when_its_reader_goes_under_ignored_sigpipe_or_output_fails(self):
+        with open('/dev/full', 'wb') as full:
+            r = subprocess.run([harness.CC_BIN], input=self.relay.stdout, stdout=full, stderr=subprocess.PIPE,
+                               timeout=60)
+        self.assertEqual((r.returncode, r.stderr), (1, b'pelvane-cc: failed to write standard output: No space left on '
+                                                       b'device\n'))
+        # The relayed stream over and over, until pelvane-cc has gone; the shell reports its end by signal.
+        ts = harness.write_file(harness.scratch('cc-sigpipe.ts'), self.relay.stdout)
+        p = harness.Proc(['bash', '-c', "trap '' PIPE; while cat \"$1\"; do :; done | \"$2\" 2>/dev/null", 'sh', ts,
+                          harness.CC_BIN], stdout=subprocess.PIPE)
+        self.assertTrue(p.popen.stdout.readline())
+        p.popen.stdout.close()
+        self.assertEqual(p.wait(5.0), 128 + signal.SIGPIPE)
 
     def test_a53_read_by_the_ffmpeg_caption_decoder(self):
         # The movie source starts its clock at the first picture (21 ms), hence the shift.

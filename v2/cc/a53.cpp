@@ -40,47 +40,83 @@ int64_t due_90k(int64_t time_ms, int64_t offset_90k) {
   return due;
 }
 
-bool is_608(const cc_triplet& t) { return (t.header & 0x02) == 0; }  // cc_type 0 or 1
+// Moves the triplets of `from` due by `pts` to `out`, oldest first, at most
+// `room` of them.
+void take_due(std::multimap<int64_t, cc_triplet>& from, int64_t pts, size_t room, std::vector<cc_triplet>& out) {
+  for (auto it = from.begin(); it != from.end() && it->first <= pts && room > 0; --room) {
+    out.push_back(it->second);
+    it = from.erase(it);
+  }
+}
 
 }  // namespace
 
 void a53_queue_event(a53_queue& q, const caption_event_record& ev, int64_t offset_90k) {
   for (const caption_pair_at& p : ev.cc608)
-    q.waiting.emplace(due_90k(p.time_ms, offset_90k), cc_triplet{0xFC, p.b0, p.b1});
+    q.field1.emplace(due_90k(p.time_ms, offset_90k), cc_triplet{0xFC, p.b0, p.b1});
   for (const caption_word_at& w : ev.cc708)
-    q.waiting.emplace(due_90k(w.time_ms, offset_90k),
-                      cc_triplet{w.type, static_cast<uint8_t>(w.value >> 8), static_cast<uint8_t>(w.value)});
-  while (q.waiting.size() > a53_queue_limit) {
-    q.waiting.erase(q.waiting.begin());
+    q.dtvcc.emplace(due_90k(w.time_ms, offset_90k),
+                    cc_triplet{w.type, static_cast<uint8_t>(w.value >> 8), static_cast<uint8_t>(w.value)});
+  while (q.field1.size() + q.dtvcc.size() > a53_queue_limit) {
+    const bool field1_older =
+        !q.field1.empty() && (q.dtvcc.empty() || q.field1.begin()->first <= q.dtvcc.begin()->first);
+    auto& from = field1_older ? q.field1 : q.dtvcc;
+    from.erase(from.begin());
     ++q.dropped;
   }
 }
 
-// Pictures with nothing due carry nothing: the caption readers we feed
-// (FFmpeg's 608 decoder behind its A/53 side data, mux.js, the players'
-// own) take each triplet as it comes and need no steady cc_count, and a
-// picture without captions then leaves the output byte for byte as it came.
-std::vector<cc_triplet> a53_take_for_picture(a53_queue& q, int64_t pts, const std::vector<int64_t>& pending) {
-  // Triplets due at or before the latest pending picture shown before this
-  // one belong to that picture (or an earlier one), which is written later.
-  bool have_below = false;
-  int64_t below = 0;
-  for (int64_t p : pending) {
-    if (p < pts && (!have_below || p > below)) {
-      have_below = true;
-      below = p;
-    }
+size_t a53_cc_count(int num, int den) {
+  if (num <= 0 || den <= 0) return 20;
+  const int64_t rounded = (int64_t{1200} * den + num) / (int64_t{2} * num);  // 600 * den / num
+  return static_cast<size_t>(std::clamp<int64_t>(rounded, 3, a53_cc_count_max));
+}
+
+std::vector<cc_triplet> a53_take_for_picture(a53_queue& q, int64_t pts, size_t cc_count) {
+  cc_count = std::clamp<size_t>(cc_count, 3, a53_cc_count_max);
+  std::vector<cc_triplet> t;
+  take_due(q.field1, pts, cc_count - 1, t);
+  if (t.empty()) t.push_back({0xFC, 0x80, 0x80});
+  t.push_back({0xFD, 0x80, 0x80});
+  take_due(q.dtvcc, pts, cc_count - t.size(), t);
+  t.resize(cc_count, {0xFA, 0x00, 0x00});
+  return t;
+}
+
+void a53_hold_add(a53_hold& h, a53_picture p) {
+  h.stalled = !h.pictures.empty() && p.time != a53_no_time && h.pictures.back().time != a53_no_time &&
+              p.time <= h.pictures.back().time;
+  if (p.pts != a53_no_time) h.unserved.emplace(p.pts, h.first + h.pictures.size());
+  h.bytes += p.bytes + a53_picture_overhead;
+  h.pictures.push_back(std::move(p));
+}
+
+bool a53_hold_full(const a53_hold& h) {
+  if (h.pictures.empty()) return false;
+  if (h.pictures.size() > a53_hold_pictures_max || h.bytes > a53_hold_bytes_max) return true;
+  if (h.pictures.size() > 1 && h.stalled) return true;
+  const int64_t oldest = h.pictures.front().time;
+  const int64_t newest = h.pictures.back().time;
+  int64_t span = 0;
+  return oldest == a53_no_time || newest == a53_no_time || __builtin_sub_overflow(newest, oldest, &span) ||
+         span > a53_hold_90k;
+}
+
+a53_picture a53_hold_take_oldest(a53_hold& h, a53_queue& q, size_t cc_count) {
+  const int64_t pts = h.pictures.front().pts;
+  auto it = h.unserved.begin();
+  for (; pts != a53_no_time && it != h.unserved.end() && it->first <= pts; ++it)
+    h.pictures[it->second - h.first].cc = a53_take_for_picture(q, it->first, cc_count);
+  h.unserved.erase(h.unserved.begin(), it);
+  a53_picture p = std::move(h.pictures.front());
+  h.pictures.pop_front();
+  ++h.first;
+  h.bytes -= p.bytes + a53_picture_overhead;
+  if (p.cc.empty()) {
+    a53_queue none;
+    p.cc = a53_take_for_picture(none, 0, cc_count);
   }
-  std::vector<cc_triplet> taken;
-  auto it = have_below ? q.waiting.upper_bound(below) : q.waiting.begin();
-  while (it != q.waiting.end() && it->first <= pts && taken.size() < a53_cc_count_max) {
-    taken.push_back(it->second);
-    it = q.waiting.erase(it);
-  }
-  // CEA-608 triplets lead within one cc_data, DTVCC after them, each kind in
-  // due order.
-  std::stable_partition(taken.begin(), taken.end(), is_608);
-  return taken;
+  return p;
 }
 
 // cc_data(), at most a53_cc_count_max triplets:
@@ -175,4 +211,54 @@ std::vector<uint8_t> mpeg2_with_captions(const uint8_t* pic, size_t n, const std
     return spliced(pic, n, sc, block);
   }
   return std::vector<uint8_t>(pic, pic + n);
+}
+
+namespace {
+
+bool starts_with(const uint8_t* p, size_t n, const uint8_t* head, size_t k) {
+  return n >= k && std::equal(head, head + k, p);
+}
+
+// The SEI NAL unit's messages (after its header byte, up to `n`), emulation
+// prevention undone: does one carry A/53 cc_data?
+bool sei_has_captions(const uint8_t* p, size_t n) {
+  std::vector<uint8_t> rbsp;
+  rbsp.reserve(n);
+  int zeros = 0;
+  for (size_t i = 0; i < n; ++i) {
+    if (zeros >= 2 && p[i] == 3) {
+      zeros = 0;
+      continue;
+    }
+    rbsp.push_back(p[i]);
+    zeros = p[i] == 0 ? zeros + 1 : 0;
+  }
+  constexpr uint8_t t35[] = {0xB5, 0x00, 0x31, 'G', 'A', '9', '4', 0x03};
+  size_t i = 0;
+  while (rbsp.size() - i >= 2) {  // a message's type and size, before the stop bit
+    size_t type = 0, size = 0;
+    for (; i < rbsp.size() && rbsp[i] == 0xFF; ++i) type += 255;
+    if (i < rbsp.size()) type += rbsp[i++];
+    for (; i < rbsp.size() && rbsp[i] == 0xFF; ++i) size += 255;
+    if (i < rbsp.size()) size += rbsp[i++];
+    if (size > rbsp.size() - i) return false;
+    if (type == 4 && starts_with(rbsp.data() + i, size, t35, sizeof t35)) return true;
+    i += size;
+  }
+  return false;
+}
+
+}  // namespace
+
+bool a53_has_captions(const uint8_t* pic, size_t n, bool h264) {
+  constexpr uint8_t cc_data_head[] = {'G', 'A', '9', '4', 0x03};
+  for (size_t sc = next_start_code(pic, n, 0), next = 0; sc + 3 < n; sc = next) {
+    next = next_start_code(pic, n, sc + 3);
+    const uint8_t* unit = pic + sc + 3;  // from its header byte or start code value
+    const size_t len = next - sc - 3;
+    if (len == 0) continue;
+    if (h264 && (unit[0] & 0x1F) == 6 && sei_has_captions(unit + 1, len - 1)) return true;
+    if (!h264 && unit[0] == 0xB2 && starts_with(unit + 1, len - 1, cc_data_head, sizeof cc_data_head)) return true;
+  }
+  return false;
 }

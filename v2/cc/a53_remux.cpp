@@ -2,8 +2,11 @@
 // to the transport stream demuxer (which ignores PID 0x1FFE: it is not in the
 // program map), and the caption packets also go to the event reader, whose
 // events are queued as cc_data triplets. Video and audio packets are copied
-// with their time stamps; each video picture takes the triplets that are due
-// by its presentation time.
+// with their time stamps; every video picture gets a cc_data of the cc_count
+// its frame rate calls for, with the triplets due by its presentation time
+// and padding, as a broadcast encoder writes it: decoders such as VLC's
+// expect that steady flow from the first picture on, and without it show a
+// caption for part of its time, or not at all.
 //
 // Clock: an event's entry times are milliseconds on the source's clock, and
 // pelvane writes the source's time stamps unchanged (mpegts_copyts). Seen
@@ -14,8 +17,9 @@
 // keeps growing, so the due time is time_ms * 90 + k * 2^33, with k the whole
 // number of wraps that puts it nearest the video read so far.
 //
-// Pictures with nothing due carry no cc_data: the decoders checked (the
-// ffmpeg tool's, mux.js, mpv, VLC) need no padding triplets.
+// A video that already carries A/53 captions keeps them: writing ours into
+// the same pictures would garble both, so once a picture read holds cc_data,
+// the pictures not yet written are left as they are and the events dropped.
 #include "v2/cc/a53_remux.h"
 
 #include <signal.h>
@@ -26,7 +30,6 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <deque>
 #include <string>
 #include <vector>
 
@@ -38,11 +41,6 @@
 namespace {
 
 constexpr int64_t pts_wrap = int64_t{1} << 33;
-// Video is held back this long (90 kHz) behind the newest picture read: an
-// event reaches the input at its cue's start, and its CEA-608 entries begin up
-// to a few seconds earlier (the time to load the caption).
-constexpr int64_t video_hold_90k = 3 * 90000;
-constexpr size_t video_hold_bytes_max = 16 << 20;
 constexpr int avio_size = 1 << 16;
 
 enum class carrier { none, h264, mpeg2 };
@@ -56,7 +54,7 @@ uint64_t input_bytes = 0;
 
 // The caption queue and what it knows of the video.
 a53_queue captions;
-bool captions_carried = true;  // false once there is no video to carry them
+bool captions_carried = true;  // false once there is no video to carry them, or it has its own
 bool video_read = false;
 int64_t video_pts_read = 0;  // latest video pts read
 bool video_written = false;
@@ -72,8 +70,8 @@ struct remux {
   std::vector<int> out_index;  // per input stream; -1: not copied
   int video = -1;              // input index of the picture stream taking captions
   carrier kind = carrier::none;
-  std::deque<AVPacket*> held;  // video packets in decode order
-  size_t held_bytes = 0;
+  size_t cc_count = 0;  // triplets in every picture's cc_data
+  a53_hold held;
   AVPacket* pkt = nullptr;
 };
 
@@ -189,6 +187,12 @@ carrier carrier_of(AVCodecID id) {
   return carrier::none;
 }
 
+void stop_captions() {
+  captions_carried = false;
+  captions.field1.clear();
+  captions.dtvcc.clear();
+}
+
 // Picks the streams to copy and the video that takes the captions; says once
 // when there is none.
 void choose_streams(remux& r) {
@@ -202,14 +206,18 @@ void choose_streams(remux& r) {
     if (p->codec_type == AVMEDIA_TYPE_VIDEO && r.video < 0) r.video = static_cast<int>(i);
   }
   if (r.video >= 0) r.kind = carrier_of(r.in->streams[r.video]->codecpar->codec_id);
-  if (r.kind != carrier::none) return;
+  if (r.kind != carrier::none) {
+    const AVStream* v = r.in->streams[r.video];
+    const AVRational rate = v->avg_frame_rate.num > 0 ? v->avg_frame_rate : v->r_frame_rate;
+    r.cc_count = a53_cc_count(rate.num, rate.den);
+    return;
+  }
   if (r.video < 0)
     fputs("pelvane-cc: the stream has no video, so captions cannot be carried; copying it without them\n", stderr);
   else
     fprintf(stderr, "pelvane-cc: captions cannot be carried in this video (%s); copying the stream without them\n",
             avcodec_get_name(r.in->streams[r.video]->codecpar->codec_id));
-  captions_carried = false;
-  captions.waiting.clear();
+  stop_captions();
 }
 
 bool open_output(remux& r) {
@@ -244,14 +252,17 @@ bool write_packet(remux& r, AVPacket* p) {
   return true;
 }
 
-// Replaces the packet's data with the picture carrying `t`. A packet without
-// a picture gives the triplets back to the queue for the next one.
+// Replaces the packet's data with the picture carrying `t`. A packet
+// without a picture cannot take them: its caption triplets are counted as
+// dropped.
 void put_captions(const remux& r, AVPacket* p, const std::vector<cc_triplet>& t) {
   const std::vector<uint8_t> with =
       r.kind == carrier::h264 ? h264_with_captions(p->data, p->size, t) : mpeg2_with_captions(p->data, p->size, t);
   AVPacket* n = with.size() == static_cast<size_t>(p->size) ? nullptr : av_packet_alloc();
   if (!n || av_new_packet(n, static_cast<int>(with.size())) < 0 || av_packet_copy_props(n, p) < 0) {
-    for (const cc_triplet& c : t) captions.waiting.emplace(p->pts, c);
+    for (const cc_triplet& c : t)
+      captions.dropped +=
+          c.header == 0xFF || c.header == 0xFE || (c.header == 0xFC && (c.data1 != 0x80 || c.data2 != 0x80));
     av_packet_free(&n);
     return;
   }
@@ -262,15 +273,10 @@ void put_captions(const remux& r, AVPacket* p, const std::vector<cc_triplet>& t)
 }
 
 bool write_oldest_video(remux& r) {
-  AVPacket* p = r.held.front();
-  r.held.pop_front();
-  r.held_bytes -= static_cast<size_t>(p->size);
+  a53_picture pic = a53_hold_take_oldest(r.held, captions, r.cc_count);
+  AVPacket* p = pic.packet;
+  if (captions_carried) put_captions(r, p, pic.cc);
   if (p->pts != AV_NOPTS_VALUE) {
-    std::vector<int64_t> pending;
-    for (const AVPacket* h : r.held)
-      if (h->pts != AV_NOPTS_VALUE) pending.push_back(h->pts);
-    const std::vector<cc_triplet> t = a53_take_for_picture(captions, p->pts, pending);
-    if (!t.empty()) put_captions(r, p, t);
     video_pts_written = video_written ? std::max(video_pts_written, p->pts) : p->pts;
     video_written = true;
   }
@@ -286,18 +292,16 @@ bool hold_video(remux& r) {
     video_pts_read = video_read ? std::max(video_pts_read, r.pkt->pts) : r.pkt->pts;
     video_read = true;
   }
+  if (captions_carried && a53_has_captions(r.pkt->data, r.pkt->size, r.kind == carrier::h264)) {
+    fputs("pelvane-cc: the video already carries captions; caption events are dropped\n", stderr);
+    stop_captions();
+  }
   AVPacket* p = av_packet_alloc();
   if (!p) return false;
   av_packet_move_ref(p, r.pkt);
-  r.held.push_back(p);
-  r.held_bytes += static_cast<size_t>(p->size);
-  const int64_t newest = held_time(p);
-  while (!r.held.empty()) {
-    const int64_t oldest = held_time(r.held.front());
-    const bool late = oldest == AV_NOPTS_VALUE || newest == AV_NOPTS_VALUE || newest - oldest > video_hold_90k;
-    if (!late && r.held_bytes <= video_hold_bytes_max) break;
+  a53_hold_add(r.held, {p, held_time(p), p->pts, static_cast<size_t>(p->size), {}});
+  while (a53_hold_full(r.held))
     if (!write_oldest_video(r)) return false;
-  }
   return true;
 }
 
@@ -316,13 +320,13 @@ bool copy_packets(remux& r) {
     else ok = write_packet(r, r.pkt);
     if (!ok) return false;
   }
-  while (!r.held.empty())
+  while (!r.held.pictures.empty())
     if (!write_oldest_video(r)) return false;
   return true;
 }
 
 void close_remux(remux& r) {
-  for (AVPacket* p : r.held) av_packet_free(&p);
+  for (a53_picture& p : r.held.pictures) av_packet_free(&p.packet);
   av_packet_free(&r.pkt);
   if (r.in) {
     if (r.in->pb) av_freep(&r.in->pb->buffer);

@@ -59,8 +59,8 @@ std::string json_string(std::string_view bytes) {
       append_escape(out, c);
     } else {
       const size_t len = utf8_sequence(p + i, n - i);
-      if (len == 0) {
-        append_escape(out, c);
+      if (len == 0) {  // not UTF-8
+        append_escape(out, 0xFFFD);
         ++i;
         continue;
       }

@@ -10,8 +10,8 @@
 
 // A JSON string literal for arbitrary bytes: valid UTF-8 is kept, quotes,
 // backslashes and control characters are escaped, and each byte that is not
-// part of valid UTF-8 becomes the code point of the same value (\u00XX), so
-// Latin-1 text comes out as the characters it meant.
+// part of valid UTF-8 becomes U+FFFD, the replacement character (\ufffd), not
+// a character of the same value such as U+00FF, so a reader can tell them apart.
 std::string json_string(std::string_view bytes);
 
 // {"name":value,...} from names and values that are JSON text already.

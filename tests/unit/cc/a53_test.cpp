@@ -32,43 +32,90 @@ TEST(A53, Mpeg2UserDataAfterPictureExtensions) {
   EXPECT_EQ(mpeg2_with_captions(in.data(), in.size(), {{0x04, 0x00, 0x00}}), want);
 }
 
-TEST(A53, TakesDueTripletsForEachPicture) {
-  // One picture: its pts, the pending pictures, data1 of the triplets it takes.
-  struct call { int64_t pts; std::vector<int64_t> pending; bytes taken; };
-  // Queued: due time and triplet, in arrival order.
-  const struct { const char* name; std::vector<std::pair<int64_t, cc_triplet>> queued; std::vector<call> calls; } cases[] = {
-      {"never early", {{100, {0xFC, 1}}}, {{99, {}, {}}, {100, {}, {1}}}},
-      {"due order, arrival order on ties, 608 first",
-       {{50, {0xFC, 2}}, {10, {0xFF, 1}}, {50, {0xFC, 3}}, {20, {0xFE, 4}}},
-       {{60, {}, {2, 3, 1, 4}}}},
-      {"pending pictures before it keep theirs",
-       {{10, {0xFC, 1}}, {25, {0xFC, 2}}, {30, {0xFC, 3}}, {35, {0xFC, 4}}},
-       {{30, {10, 20, 40}, {2, 3}}, {10, {20, 40}, {1}}, {20, {40}, {}}, {40, {}, {4}}}},
+TEST(A53, CcCountOfTheFrameRate) {
+  const struct { int num, den; size_t cc_count; } cases[] = {{24000, 1001, 25}, {24, 1, 25}, {25, 1, 24},
+      {30000, 1001, 20}, {30, 1, 20}, {50, 1, 12}, {60000, 1001, 10}, {60, 1, 10}, {0, 1, 20}, {25, 0, 20}, {48, 1, 13}, {1, 1, 31}, {1000, 1, 3}};
+  for (const auto& c : cases) EXPECT_EQ(a53_cc_count(c.num, c.den), c.cc_count) << c.num << "/" << c.den;
+}
+
+TEST(A53, PicturesTakeDueTripletsInPresentationOrder) {
+  // Queued: due time and triplet. Pictures in decode order: decode time and pts. Then data1 of
+  // the caption triplets (not the padding) each picture carries, in the order written.
+  struct picture { int64_t time, pts; };
+  const struct { const char* name; size_t cc_count; std::vector<std::pair<int64_t, cc_triplet>> queued;
+                 std::vector<picture> pictures; std::vector<bytes> carried; } cases[] = {
+      {"never early", 20, {{100, {0xFC, 1}}}, {{0, 99}, {1, 100}}, {{}, {1}}},
+      {"608 first, each kind in due order; what does not fit waits", 4,
+       {{10, {0xFF, 1}}, {50, {0xFC, 2}}, {20, {0xFE, 4}}, {50, {0xFC, 3}}, {20, {0xFE, 5}}},
+       {{0, 60}, {1, 70}}, {{2, 3, 1}, {4, 5}}},
+      {"each by its own time", 20, {{20, {0xFC, 1}}, {30, {0xFC, 2}}}, {{0, 10}, {1, 30}, {2, 20}}, {{}, {2}, {1}}},
+      {"a picture shown earlier but written later comes first", 3,
+       {{10, {0xFC, 1}}, {10, {0xFC, 2}}, {10, {0xFC, 3}}, {20, {0xFC, 4}}, {30, {0xFC, 5}}},
+       {{0, 10}, {1, 30}, {2, 20}}, {{1, 2}, {5}, {3, 4}}},
   };
   for (const auto& c : cases) {
     a53_queue q;
-    for (const auto& [due, t] : c.queued) q.waiting.emplace(due, t);
-    for (const call& k : c.calls) {
+    for (const auto& [due, t] : c.queued) (t.header == 0xFC ? q.field1 : q.dtvcc).emplace(due, t);
+    a53_hold h;
+    for (const picture& p : c.pictures) a53_hold_add(h, {nullptr, p.time, p.pts, 0, {}});
+    for (const bytes& want : c.carried) {
+      const a53_picture p = a53_hold_take_oldest(h, q, c.cc_count);
       bytes got;
-      for (const cc_triplet& t : a53_take_for_picture(q, k.pts, k.pending)) got.push_back(t.data1);
-      EXPECT_EQ(got, k.taken) << c.name << ", pts " << k.pts;
+      for (const cc_triplet& t : p.cc)
+        if (t.header == 0xFF || t.header == 0xFE || (t.header == 0xFC && t.data1 != 0x80)) got.push_back(t.data1);
+      EXPECT_EQ(std::make_pair(p.cc.size(), got), std::make_pair(c.cc_count, want)) << c.name << ", pts " << p.pts;
     }
   }
 }
 
-TEST(A53, QueueTimesCapAndBound) {
+TEST(A53, HoldBoundedWhateverTheTimes) {
+  const struct { const char* name; int64_t step; size_t bytes, most; } cases[] = {
+      {"25 pictures a second: 3 s", 3600, 100, 76},
+      {"one tick a picture", 1, 100, a53_hold_pictures_max},
+      {"time standing still", 0, 100, 1},
+      {"large pictures", 3600, 1 << 20, 15},
+  };
+  for (const auto& c : cases) {
+    a53_hold h;
+    a53_queue q;
+    size_t most = 0;
+    for (int64_t i = 0; i < 2000; ++i) {
+      a53_hold_add(h, {nullptr, i * c.step, i * c.step, c.bytes, {}});
+      while (a53_hold_full(h)) a53_hold_take_oldest(h, q, 20);
+      most = std::max(most, h.pictures.size());
+    }
+    EXPECT_EQ(most, c.most) << c.name;
+  }
+}
+
+TEST(A53, FindsCaptionsAlreadyInThePicture) {
+  const struct { const char* name; bool h264; const char* pic; bool found; } cases[] = {
+      {"SEI: another message, then cc_data", true,
+       "00 00 00 01 06 00 01 C0 04 0E B5 00 31 \"GA94\" 03 C1 FF FC 80 80 FF 80 00 00 01 65 88", true},
+      {"SEI: unregistered user data", true, "00 00 01 06 05 09 B5 00 31 \"GA94\" 03 C1 80 00 00 01 65 88", false},
+      {"MPEG-2 cc_data", false, "00 00 01 00 01 4F 00 00 01 B2 \"GA94\" 03 C1 FF FC 80 80 FF 00 00 01 01 22", true},
+      {"MPEG-2 other user data", false, "00 00 01 00 01 4F 00 00 01 B2 \"DTG1\" 00 00 01 01 22", false},
+  };
+  for (const auto& c : cases) {
+    const bytes pic = hex_bytes(c.pic);
+    EXPECT_EQ(a53_has_captions(pic.data(), pic.size(), c.h264), c.found) << c.name;
+  }
+}
+
+TEST(A53, QueueTimesLayoutAndBound) {
   caption_event_record ev;
   ev.cc608 = {{2, 0x94, 0x20}}, ev.cc708 = {{1, 0xFF, 0x143F}};
   a53_queue q;
   a53_queue_event(q, ev, 1000);
-  EXPECT_EQ(a53_user_data(a53_take_for_picture(q, 1180, {})), hex_bytes("\"GA94\" 03 C2 FF FC 94 20 FF 14 3F FF"));
+  EXPECT_EQ(a53_user_data(a53_take_for_picture(q, 1180, 4)),
+            hex_bytes("\"GA94\" 03 C4 FF FC 94 20 FD 80 80 FF 14 3F FA 00 00 FF"));
 
-  ev.cc708.clear(), ev.cc608.clear();
-  for (int64_t i = 0; i < int64_t(a53_queue_limit) + 40; ++i) ev.cc608.push_back({i, 0x80, 0x80});
+  ev.cc708 = {{-1, 0xFF, 0x1111}}, ev.cc608.clear();  // the oldest of all: the first to go
+  for (int64_t i = 0; i < int64_t(a53_queue_limit) + 40; ++i) ev.cc608.push_back({i, 0x94, 0x20});
   a53_queue_event(q, ev, 0);
-  EXPECT_EQ(std::make_pair(q.dropped, q.waiting.begin()->first), std::make_pair(size_t{40}, int64_t{40 * 90}));
-  EXPECT_EQ(a53_take_for_picture(q, INT64_MAX, {}).size(), a53_cc_count_max);  // 31 now, the rest later
-  EXPECT_EQ(q.waiting.begin()->first, (40 + 31) * 90);
+  EXPECT_EQ(std::make_tuple(q.dropped, q.dtvcc.size(), q.field1.begin()->first), std::make_tuple(41, 0, 40 * 90));
+  EXPECT_EQ(a53_take_for_picture(q, INT64_MAX, a53_cc_count_max)[29].data1, 0x94);  // 30 now, the rest later
+  EXPECT_EQ(q.field1.begin()->first, (40 + 30) * 90);
 }
 
 }  // namespace
