@@ -23,7 +23,7 @@ void end_setup_watch(AVFormatContext* ctx);
 bool setup_watch_fired();
 
 // Called over and over while the run is being set up (the RTSP probe's
-// transfers, the watch's interrupt callback): at most once a second it looks
+// transfers, the watch's interrupt callback): about once a second it looks
 // whether standard output's reader is still there, and if it has gone, ends
 // the process as the relay loop does then, by SIGPIPE (after a message).
 void end_setup_if_client_gone();

@@ -24,7 +24,8 @@ def relays_in(session):
 
 
 # Runs its arguments, and their children, with W+X memory refused (PR_SET_MDWE: REFUSE_EXEC_GAIN).
-NO_WX_EXEC = 'import ctypes, os, sys; ctypes.CDLL(None).prctl(65, 1, 0, 0, 0) or os.execv(sys.argv[1], sys.argv[1:])'
+NO_WX_EXEC = ('import ctypes, os, sys; ctypes.CDLL(None).prctl(65, 1, 0, 0, 0) and sys.exit("PR_SET_MDWE refused '
+              '(Linux 6.3 or later needed)"); os.execv(sys.argv[1], sys.argv[1:])')
 codecs = lambda path_or_url: sorted(s['codec_name'] for s in harness.ffprobe_streams(path_or_url))  # noqa: E731
 
 
@@ -36,15 +37,14 @@ class Serve(unittest.TestCase):
     # a quote and socat's syntax after it: nothing may run (the marker stays absent).
     def test_clients_of_each_front_end(self):
         os.environ['PATH'] = os.path.dirname(harness.BIN) + os.pathsep + os.environ['PATH']  # the script's pelvane
-        marker = harness.scratch('pwned')
+        marker, _ = harness.scratch('pwned'), need('socat', 'socat')
         with peers.HttpPeer() as source:
             url = source.url(os.path.basename(harness.media_path('bulk.ts'))) + "?x'!!SYSTEM:id>%s;echo" % marker
             for kind, port in (('socket-activate', harness.free_port()), ('socat', harness.free_port())):
                 front = harness.Proc([sys.executable, '-c', NO_WX_EXEC, need('systemd-socket-activate', 'systemd'),
                                       '--inetd', '-a', '-l', '127.0.0.1:%d' % port, harness.BIN, '--mime-type',
                                       '--url', url] if kind == 'socket-activate' else [
-                    'sh', os.path.join(harness.REPO, 'examples', 'serve-socat.sh'), str(port), url, '127.0.0.1'] * bool(
-                    need('socat', 'socat')),
+                    'sh', os.path.join(harness.REPO, 'examples', 'serve-socat.sh'), str(port), url, '127.0.0.1'],
                     log_path=harness.scratch(kind + '.log'))
                 self.assertTrue(harness.wait_listen(port, 10, front), front.log_text())
                 client = 'http://127.0.0.1:%d/' % port
