@@ -105,10 +105,13 @@ void check_source() {
   }
 }
 
-// A set-up failure the watch caused gets a line of its own first.
+// A set-up failure the watch caused gets a line of its own first. FFmpeg's
+// RTSP client shows the watch no bytes: for it the limit is on the set-up.
 void report_input_failure(const char* format, int e) {
-  if (setup_watch_fired())
-    fputs(with_url("Source '%s' stopped answering: nothing read for 30 seconds\n").c_str(), stderr);
+  const char* watch_line = classify_source_url(source_url) == scheme_rtsp
+                               ? "Source '%s' was not set up within 30 seconds\n"
+                               : "Source '%s' stopped answering: less than 1 KiB read in 30 seconds\n";
+  if (setup_watch_fired()) fputs(with_url(watch_line).c_str(), stderr);
   report_ff_failure(with_url(format), e);
 }
 

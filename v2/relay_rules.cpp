@@ -174,8 +174,8 @@ bool repair_audio_stamps(stamp_state& st, int64_t& pts, int64_t& dts, bool key) 
   return repair_stamps(st, pts, dts, key, true);
 }
 
-bool no_progress_for(progress_clock& c, int64_t count, int64_t now_ms, int64_t limit_ms) {
-  if (count != c.count) {
+bool too_little_progress(progress_clock& c, int64_t count, int64_t now_ms, int64_t limit_ms, int64_t least) {
+  if (count - c.count >= least) {
     c.count = count;
     c.since_ms = now_ms;
     return false;

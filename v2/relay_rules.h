@@ -80,14 +80,17 @@ constexpr int64_t synthetic_audio_step = 1920;
 
 // ---- set-up watch ----
 
-// A count that shows progress (bytes read so far) and when it last moved.
+// A count that shows progress (bytes read so far): its value at the last
+// mark, and when that mark was set.
 struct progress_clock {
   int64_t count = 0;
   int64_t since_ms = 0;
 };
 
-// Notes `count` as seen at `now_ms`; true once it has not moved for `limit_ms`.
-bool no_progress_for(progress_clock& c, int64_t count, int64_t now_ms, int64_t limit_ms);
+// Notes `count` as seen at `now_ms`: a count `least` or more past the mark
+// sets a new mark; true once `limit_ms` have passed since the mark, that is,
+// once fewer than `least` have come in `limit_ms`.
+bool too_little_progress(progress_clock& c, int64_t count, int64_t now_ms, int64_t limit_ms, int64_t least);
 
 // ---- output ----
 

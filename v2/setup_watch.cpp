@@ -1,5 +1,9 @@
 #include "v2/setup_watch.h"
 
+#include <poll.h>
+
+#include <csignal>
+#include <cstdio>
 #include <vector>
 
 extern "C" {
@@ -13,13 +17,14 @@ namespace {
 
 // While the input is opened and its streams are read, FFmpeg polls
 // interrupt_on_stall (every 100 ms or so while it waits on the source). It
-// interrupts once no byte has been read for watchdog_seconds, so a source
-// that stops answering fails through the usual set-up messages instead of
-// dying by SIGALRM, and one that keeps sending (a long playlist probe on a
-// slow link) is never cut off. Bytes are counted over every I/O context the
-// input opens (a playlist opens one per segment), followed through the
-// context's open and close callbacks; an input that does its own I/O
-// (rtsp://) shows none, and then the time since the set-up began counts.
+// interrupts once fewer than setup_least_bytes have been read in
+// watchdog_seconds, so a source that stops answering, or sends a trickle,
+// fails through the usual set-up messages instead of holding the set-up for
+// ever, and one that keeps sending (a long playlist probe on a slow link) is
+// never cut off. Bytes are counted over every I/O context the input opens
+// (a playlist opens one per segment), followed through the context's open
+// and close callbacks; an input that does its own I/O (rtsp://) shows none,
+// and then the time since the set-up began counts.
 struct setup_watch_state {
   bool active = false;
   bool fired = false;
@@ -34,9 +39,11 @@ setup_watch_state setup_watch;
 int interrupt_on_stall(void*) {
   if (!setup_watch.active) return 0;
   if (setup_watch.fired) return 1;
+  end_setup_if_client_gone();
   int64_t bytes = setup_watch.closed_bytes;
   for (const AVIOContext* pb : setup_watch.open_ios) bytes += pb->bytes_read;
-  setup_watch.fired = no_progress_for(setup_watch.clock, bytes, monotonic_ms(), watchdog_seconds * 1000);
+  setup_watch.fired =
+      too_little_progress(setup_watch.clock, bytes, monotonic_ms(), watchdog_seconds * 1000, setup_least_bytes);
   return setup_watch.fired ? 1 : 0;
 }
 
@@ -77,3 +84,25 @@ void end_setup_watch(AVFormatContext* ctx) {
 }
 
 bool setup_watch_fired() { return setup_watch.fired; }
+
+// Nothing is written to standard output before the relay loop, so SIGPIPE
+// cannot tell that the client has gone; polling the descriptor can. A pipe
+// whose reader has closed shows POLLERR, a socket closed at both ends
+// POLLHUP. A client that closes its TCP connection shows only as the end of
+// its data (POLLRDHUP) until something is written: pelvane never reads its
+// client and an HTTP client does not shut down its sending side while it
+// waits for the answer, so on standard output that end means the client has
+// gone. Descriptors that are neither (a file, /dev/null) show none of these.
+void end_setup_if_client_gone() {
+  static int64_t last_look_ms = INT64_MIN / 2;
+  const int64_t now = monotonic_ms();
+  // At most twice a second: libcurl's idle callbacks come about a second
+  // apart, and skipping one for being a little early would double the wait.
+  if (now - last_look_ms < 500) return;
+  last_look_ms = now;
+  pollfd p{1, POLLRDHUP, 0};
+  if (poll(&p, 1, 0) != 1 || (p.revents & (POLLERR | POLLHUP | POLLRDHUP)) == 0) return;
+  fputs("The client has gone during set-up. exiting.\n", stderr);
+  signal(SIGPIPE, SIG_DFL);
+  raise(SIGPIPE);
+}

@@ -13,17 +13,32 @@ import peers  # noqa: E402
 
 need, relays_in, codecs = harness.need, harness.relays_in, harness.codecs
 
+# Runs its arguments, and their children, with W+X memory refused (PR_SET_MDWE: REFUSE_EXEC_GAIN).
+NO_WX_EXEC = ('import ctypes, os, sys; ctypes.CDLL(None).prctl(65, 1, 0, 0, 0) and sys.exit("PR_SET_MDWE refused '
+              '(Linux 6.3 or later needed)"); os.execv(sys.argv[1], sys.argv[1:])')
+
 
 class Serve(unittest.TestCase):
 
+    # The examples' front ends: systemd's socket activation, with pelvane kept from W+X memory as
+    # the unit's MemoryDenyWriteExecute= does (the kernel's PR_SET_MDWE; the unit's system-call
+    # filter and namespaces need systemd itself), and the socat script, whose source address holds
+    # a quote and socat's syntax after it: nothing may run (the marker stays absent).
     def test_clients_of_each_front_end(self):
+        os.environ['PATH'] = os.path.dirname(harness.BIN) + os.pathsep + os.environ['PATH']  # the script's pelvane
+        marker, _ = harness.scratch('pwned'), need('socat', 'socat')
         with peers.HttpPeer() as source:
-            relay = [harness.BIN, '--mime-type', '--url', source.url(os.path.basename(harness.media_path('bulk.ts')))]
+            url = source.url(os.path.basename(harness.media_path('bulk.ts'))) + "?x'!!SYSTEM:id>%s;echo" % marker
             for kind, port in (('socket-activate', harness.free_port()), ('socat', harness.free_port())):
-                front = harness.front_end(kind, port, relay)
-                url = 'http://127.0.0.1:%d/' % port
+                front = harness.Proc([sys.executable, '-c', NO_WX_EXEC, need('systemd-socket-activate', 'systemd'),
+                                      '--inetd', '-a', '-l', '127.0.0.1:%d' % port, harness.BIN, '--mime-type',
+                                      '--url', url] if kind == 'socket-activate' else [
+                    'sh', os.path.join(harness.REPO, 'examples', 'serve-socat.sh'), str(port), url, '127.0.0.1'],
+                    log_path=harness.scratch(kind + '.log'))
+                self.assertTrue(harness.wait_listen(port, 10, front), front.log_text())
+                client = 'http://127.0.0.1:%d/' % port
                 # Two clients at once, each with its own relay, each read for 1 MB.
-                curls = [subprocess.Popen([need('curl', 'curl'), '-sS', '-N', '-i', '--max-time', '30', url],
+                curls = [subprocess.Popen([need('curl', 'curl'), '-sS', '-N', '-i', '--max-time', '30', client],
                                           stdout=subprocess.PIPE) for _ in range(2)]
                 self.assertTrue(harness.wait_for(lambda: len(relays_in(front.pid)) == 2, 10), kind)
                 for n, curl in enumerate(curls):
@@ -34,8 +49,14 @@ class Serve(unittest.TestCase):
                     self.assertEqual((data[:len(head)], codecs(path)), (head, ['mp2', 'mpeg2video']), kind)
                 # A client that hangs up ends its relay at once (SIGPIPE); ffprobe is a client too.
                 self.assertTrue(harness.wait_for(lambda: not relays_in(front.pid), 2.0), kind)
-                self.assertEqual(codecs(url), ['mp2', 'mpeg2video'], kind)
+                self.assertEqual(codecs(client), ['mp2', 'mpeg2video'], kind)
                 front.stop()
+        self.assertFalse(os.path.exists(marker))
+        # The units' exposure as systemd rates it: 7.2 before their confinement block.
+        for unit in ('pelvane-news@.service', 'pelvane-channels@.service'):
+            r = subprocess.run([need('systemd-analyze', 'systemd'), 'security', '--offline=true', os.path.join(
+                harness.REPO, 'examples', unit)], capture_output=True, text=True, timeout=60)
+            self.assertLessEqual(float(re.search(r'Overall exposure level for \S+: ([\d.]+)', r.stdout).group(1)), 2.0)
 
     def test_manual_pages_lint_clean_and_list_every_usage_option(self):
         for program, page in ((harness.BIN, 'pelvane.1'), (harness.CC_BIN, 'pelvane-cc.1'),

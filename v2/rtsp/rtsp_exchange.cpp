@@ -35,9 +35,10 @@ size_t append_to_capture(char* data, size_t size, size_t count, void* opaque) {
 // Makes one request for source_url with its answer captured in a new
 // temporary file, dumped to standard error and rewound. 1 when no capture
 // could be made, or, after the dump of what was kept, when the answer was
-// larger than rtsp_answer_limit. The transfer's own result is not examined
-// otherwise: a failed one leaves an empty or partial capture, which fails
-// the status-line test.
+// larger than rtsp_answer_limit or did not come within the request's time
+// limits (a cut description must not be read as a whole one). The
+// transfer's own result is not examined otherwise: a failed one leaves an
+// empty or partial capture, which fails the status-line test.
 int capture_answer(CURL* curl, long request, const char* transport, const char* label, FILE*& capture) {
   capture_file c;
   c.f = capture = tmpfile();
@@ -52,11 +53,12 @@ int capture_answer(CURL* curl, long request, const char* transport, const char* 
   curl_easy_setopt(curl, CURLOPT_RTSP_STREAM_URI, source_url.c_str());
   curl_easy_setopt(curl, CURLOPT_RTSP_REQUEST, request);
   if (transport != nullptr) curl_easy_setopt(curl, CURLOPT_RTSP_TRANSPORT, transport);
-  curl_easy_perform(curl);
+  const bool timed_out = curl_easy_perform(curl) == CURLE_OPERATION_TIMEDOUT;
   fflush(capture);
   dump_tmpfile(label, capture);
-  if (!c.too_large) return 0;
-  fprintf(stderr, "%s answer larger than %zu bytes\n", label, rtsp_answer_limit);
+  if (!c.too_large && !timed_out) return 0;
+  if (timed_out) fprintf(stderr, "%s answer not complete within %ld seconds\n", label, rtsp_silence_seconds);
+  else fprintf(stderr, "%s answer larger than %zu bytes\n", label, rtsp_answer_limit);
   fclose(capture);
   capture = nullptr;
   return 1;

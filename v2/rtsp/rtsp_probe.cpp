@@ -16,6 +16,7 @@
 #include "v2/rtsp/rtsp_probe.h"
 #include "v2/sdp/sdp.h"
 #include "v2/settings.h"
+#include "v2/setup_watch.h"
 
 std::string find_control_interface(const in_addr& server) {
   std::string interface_address;
@@ -49,6 +50,11 @@ std::string find_control_interface(const in_addr& server) {
 }
 
 namespace {
+
+int watch_client(void*, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
+  end_setup_if_client_gone();
+  return 0;
+}
 
 // The probe once the handle is set up; the caller releases curl afterwards.
 int probe_with(CURL* curl) {
@@ -94,13 +100,20 @@ int rtsp_probe() {
     return 1;
   }
   curl_easy_setopt(curl, CURLOPT_VERBOSE, 0L);
-  curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 1L);
   curl_easy_setopt(curl, CURLOPT_URL, source_url.c_str());
-  // A server that connects slowly or stops answering ends its request, which
-  // then fails on its empty or partial answer: fewer than 30 bytes in 30 s.
+  // A server that connects slowly, stops answering or answers too slowly
+  // ends its request, which then fails on its empty or partial answer: fewer
+  // than 30 bytes in 30 s, or 30 s for the whole request. libcurl's
+  // low-speed rule counts only body bytes; the total limit holds whatever
+  // the server trickles.
   curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, rtsp_silence_seconds);
   curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, 1L);
   curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, rtsp_silence_seconds);
+  curl_easy_setopt(curl, CURLOPT_TIMEOUT, rtsp_silence_seconds);
+  // libcurl calls this about once a second, or more often, while a request
+  // lasts: the place to notice a client that has gone.
+  curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, watch_client);
+  curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
 
   int result = probe_with(curl);
 

@@ -20,6 +20,12 @@ bool defer_emptying = false;  // inside a sink_muxer_call
 // call. Making at most that many keeps the waits on a slow reader what they
 // would have been.
 size_t deferred_emptyings = 0;
+// Where the muxer's output stands: the count of its bytes taken, modulo the
+// packet size (0 between two packets); and whether the current muxer call has
+// handed over bytes, and spliced an event in front of one of its writes.
+size_t muxer_phase = 0;
+bool call_wrote = false;
+bool call_spliced = false;
 
 // Empties the window to standard output unless output is held; notes the
 // first error of the descriptor.
@@ -30,9 +36,10 @@ long empty_window(my_avio_ctx& ctx) {
   return written;
 }
 
-// Puts one queued caption event in front of the muxer's bytes. The event is
-// removed from the queue whatever happens to its bytes.
-void splice_front_event(my_avio_ctx& ctx) {
+// Puts the oldest queued caption event into the output, between two of the
+// muxer's packets. The event is removed from the queue whatever happens to
+// its bytes.
+void splice_event(my_avio_ctx& ctx) {
   size_t sz = 0;
   const unsigned char* p = vtt_event_ts_encode(vtt_event_queue.front(), sz);
   if (p && sz != 0) {
@@ -55,13 +62,27 @@ void splice_front_event(my_avio_ctx& ctx) {
 
 int sink_output_error = 0;
 
-sink_muxer_call::sink_muxer_call(my_avio_ctx& c) : ctx(c) { defer_emptying = true; }
+sink_muxer_call::sink_muxer_call(my_avio_ctx& c) : ctx(c) {
+  defer_emptying = true;
+  call_wrote = call_spliced = false;
+}
 
 sink_muxer_call::~sink_muxer_call() {
   defer_emptying = false;
   size_t attempts = deferred_emptyings;
   deferred_emptyings = 0;
   if (!ctx.out_buffer) return;
+  // The end of a muxer call is the second splice point, for an event that
+  // found no whole-packet write during the call. A large picture reaches the
+  // sink as 4096-byte pieces (the AVIO buffer) and a remainder, none of them
+  // whole packets, so without it a source of video alone would keep its
+  // events queued for good. After each packet the muxer writes, FFmpeg
+  // flushes its AVIO buffer (the per-packet flush point, which has no minimum
+  // size on an I/O context of the caller's own): when the call returns, every
+  // byte it produced has been handed over, and they end where a packet ends.
+  // The phase check keeps an event out of a packet all the same should a
+  // muxer ever hold bytes back.
+  if (call_wrote && !call_spliced && muxer_phase == 0 && !vtt_event_queue.empty()) splice_event(ctx);
   while (attempts-- > 0 && ctx.out_buffer->read != ctx.out_buffer->write)
     if (empty_window(ctx) <= 0) break;
 }
@@ -102,7 +123,10 @@ int my_avio_write(void* opaque, const uint8_t* buf, int n) {
   const size_t len = n > 0 ? static_cast<size_t>(n) : 0;
 
   // Caption events may only stand between two of the muxer's packets.
-  if (!vtt_event_queue.empty() && is_whole_ts_packets(buf, len)) splice_front_event(ctx);
+  if (!vtt_event_queue.empty() && is_whole_ts_packets(buf, len)) {
+    splice_event(ctx);
+    call_spliced = true;
+  }
 
   rearm_watchdog();
   size_t done = 0;
@@ -110,6 +134,8 @@ int my_avio_write(void* opaque, const uint8_t* buf, int n) {
     if (stop_signal_count != 0 || sink_output_error != 0) break;
     const int copied = ctx.take_data(buf + done, len - done);
     done += static_cast<size_t>(copied);
+    muxer_phase = (muxer_phase + static_cast<size_t>(copied)) % ts_packet_size;
+    call_wrote = call_wrote || copied > 0;
     if (defer_emptying && done == len &&
         static_cast<size_t>(ctx.out_buffer->write - ctx.out_buffer->read) < sink_defer_limit) {
       ++deferred_emptyings;  // written out when the muxer call returns

@@ -1,6 +1,7 @@
 // The output sink: the muxer's write callback. Bytes are staged in a
 // sliding window and emptied to standard output; queued caption events are
-// spliced in front of writes that consist of whole transport packets.
+// spliced between the muxer's transport packets: in front of a write that
+// consists of whole packets, else at the end of the muxer call.
 #pragma once
 
 #include <cstddef>
@@ -36,7 +37,9 @@ void sink_release_output(my_avio_ctx& ctx);
 // measurable share of the time spent on each relayed packet. When the guard
 // ends it makes the emptying attempts the deferred writes skipped (at most
 // one per write), stopping early when nothing is pending, an attempt writes
-// nothing (after its bounded wait) or the descriptor fails.
+// nothing (after its bounded wait) or the descriptor fails. Before that, a
+// call that handed over bytes, ending between two packets, and spliced no
+// event in front of one of its writes takes the oldest queued event.
 struct sink_muxer_call {
   explicit sink_muxer_call(my_avio_ctx& ctx);
   ~sink_muxer_call();

@@ -1,7 +1,10 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "tests/unit/test_support.h"
@@ -29,43 +32,51 @@ TEST(SpliceTest, WholePackets) {
   for (const auto& c : cases) EXPECT_EQ(is_whole_ts_packets(c.buf, c.n), c.want) << c.name;
 }
 
-// One queued event goes out before each muxer write of whole packets (or a
-// zero-length call), never inside a partial write; once a stop signal is
-// counted the muxer's bytes are dropped and the event still goes.
-TEST(Sink, SplicesEventsBetweenWholePacketWrites) {
-  my_avio_ctx ctx;
-  ctx.out_buffer = sliding_window_v4_create_buffer(sink_window_capacity);
-  vtt_event_queue.clear();
-  stop_signal_count = 0;
-  for (const char* text : {"a", "b", "c"}) {
-    VPVTTEvent ev;
-    ev.text = text;
-    vtt_event_queue.push_back(ev);
-  }
-  std::vector<uint8_t> partial(4096, 0x22), mux = ts_packets(2, 0x11);
-  partial[0] = 0x47;
-  std::vector<int> results;
-  std::string out;
-  {
+// Muxer calls as the relay makes them, five events queued. An event goes in
+// front of a write of whole packets; a call that has none (a picture larger
+// than the AVIO buffer: pieces that are not whole packets) takes one after its
+// last write, unless that ends inside a packet; a call that spliced in front,
+// or wrote nothing, takes no other. What a call wrote is out when it returns.
+// Once a stop signal is counted the muxer's bytes are refused and the event
+// still goes. Last, an output that fails while the window has no room for an
+// event: the splice gives up on it instead of spinning.
+TEST(Sink, SplicesEventsBetweenPackets) {
+  my_avio_ctx ctx{sliding_window_v4_create_buffer(sink_window_capacity)};
+  vtt_event_queue.assign(5, VPVTTEvent{});
+  const std::vector<uint8_t> mux = ts_packets(4, 0x11);
+  // Each call's writes in bytes, a stop signal, and what went out, a letter per
+  // 188 bytes: E an event, M a muxer packet.
+  const struct { std::vector<int> writes; int stop; const char* out; } calls[] = {
+      {{200, 176}, 0, "MME"}, {{376}, 0, "EMM"}, {{376, 200, 176}, 0, "EMMMM"}, {{}, 0, ""},
+      {{200}, 0, "MM"},       {{176}, 0, "ME"},  {{376}, 1, "E"},
+  };
+  for (const auto& c : calls) {
     stdout_capture cap;
-    for (auto [buf, n, stop] : {std::tuple(partial.data(), 4096, 0), std::tuple(mux.data(), 376, 0),
-                                std::tuple(mux.data(), 0, 0), std::tuple(mux.data(), 376, 1)}) {
-      stop_signal_count = stop;
-      results.push_back(my_avio_write(&ctx, buf, n));
+    std::vector<int> taken;
+    stop_signal_count = c.stop;
+    {
+      const sink_muxer_call one_call(ctx);
+      for (size_t n = 0, at = 0; n < c.writes.size(); at += static_cast<size_t>(c.writes[n++]))
+        taken.push_back(my_avio_write(&ctx, mux.data() + at, c.writes[n]));
     }
-    while (ctx.out_buffer->read != ctx.out_buffer->write) sliding_window_v4_empty_to_fd(ctx.out_buffer, 1, 0);
-    out = cap.take();
+    std::string shape, out = cap.take();
+    for (size_t off = 0; off < out.size(); off += 188) shape += out[off + 1] == 0x11 ? 'M' : 'E';
+    EXPECT_EQ(shape, c.out);
+    EXPECT_EQ(taken, c.stop ? std::vector<int>{0} : c.writes) << c.out;
   }
   stop_signal_count = 0;
-  ctx.out_buffer = sliding_window_v4_destroy(ctx.out_buffer);
-  EXPECT_EQ(results, (std::vector<int>{4096, 376, 0, 0}));
   EXPECT_TRUE(vtt_event_queue.empty());
-  // What went out, a letter per 188 bytes: P partial write, E event, M muxer packet.
-  std::string shape;
-  for (size_t off = 4096; off + 188 <= out.size(); off += 188)
-    shape += out.compare(off + 4, 10, "MOLVAR:VTT") == 0 ? 'E' : out[off + 1] == 0x11 ? 'M' : '?';
-  EXPECT_EQ(out.substr(0, 4096), std::string(partial.begin(), partial.end()));
-  EXPECT_EQ(shape, "EMMEE");
+  ctx.out_buffer = sliding_window_v4_destroy(ctx.out_buffer);
+  ctx.out_buffer = sliding_window_v4_create_buffer(400);
+  ctx.take_data(mux.data(), 376);
+  vtt_event_queue.assign(1, VPVTTEvent{});
+  const int saved = dup(1);
+  dup2(open("/dev/full", O_WRONLY | O_CLOEXEC), 1);
+  const int taken = my_avio_write(&ctx, mux.data(), 376);
+  ctx.out_buffer = sliding_window_v4_destroy(ctx.out_buffer);
+  dup2(saved, 1);
+  EXPECT_EQ(std::tuple(taken, sink_output_error, vtt_event_queue.size()), std::tuple(0, ENOSPC, size_t{0}));
+  sink_output_error = 0;
 }
 
 }  // namespace
