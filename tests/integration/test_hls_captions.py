@@ -5,15 +5,11 @@
 # back by the ffmpeg tool's caption decoder and mux.js.
 
 import collections
-import functools
-import http.server
 import json
 import os
 import re
-import ssl
 import subprocess
 import sys
-import threading
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
@@ -37,10 +33,9 @@ def vtt_time(ms):
     return '%02d:%02d:%02d.%03d' % (ms // 3600000, ms // 60000 % 60, ms // 1000 % 60, ms % 1000)
 
 
-def playlist(uris, live_window=None, ended=True):
-    lines = ['#EXTM3U', '#EXT-X-VERSION:3', '#EXT-X-TARGETDURATION:1', '#EXT-X-MEDIA-SEQUENCE:%d' % (
-        live_window or 0)] + ['#EXTINF:1.000000,\n' + u for u in uris] + ['#EXT-X-ENDLIST'] * ended
-    return '\n'.join(lines) + '\n'
+def playlist(uris, first=0, ended=True):
+    return '\n'.join(['#EXTM3U\n#EXT-X-TARGETDURATION:1\n#EXT-X-MEDIA-SEQUENCE:%d' % first] + [
+        '#EXTINF:1.0,\n' + u for u in uris] + ['#EXT-X-ENDLIST'] * ended) + '\n'
 
 
 # The .vtt segment k of a rendition: every cue it overlaps, on cue times LOCAL_S s ahead of the
@@ -98,51 +93,29 @@ def make_channel(out):
 harness.register_media('hls_channel', make_channel)
 
 
-# The channel's files over HTTP(S); /hop/<master> redirects to /<master>, and nothing else is under
-# /hop/. Live: each media playlist is a
-# window of its last 4 published segments, 4 published at start and one more every second.
-class ChannelServer:
+# The channel's files over HTTP(S); /hop/<master> redirects to /<master> (nothing else is under
+# /hop/). Live, a media playlist is the window of its last 4 published segments: 4 published at the
+# start, one more every second.
+def channel_peer(directory, live=False, tls=False):
+    started = time.monotonic()
 
-    def __init__(self, directory, live=False, tls=False):
-        self.directory, self.live, self.tls, self.port = directory, live, tls, harness.free_port()
+    class Handler(peers._Handler):
+        def do_GET(self):
+            path = self.path.lstrip('/')
+            if path.startswith('hop/'):
+                self.send_response(302 if 'master' in path else 404)
+                self.send_header('Location', '/' + path[4:]), self.end_headers()
+            elif live and path.endswith('.m3u8') and 'master' not in path:
+                uris = re.findall(r'^[^#\n].*$', harness.read_file(os.path.join(directory, path), True), re.M)
+                published = min(len(uris), 4 + int(time.monotonic() - started))
+                first = max(0, published - 4)
+                body = playlist(uris[first:published], first, published == len(uris)).encode()
+                self.send_response(200), self.send_header('Content-Length', str(len(body))), self.end_headers()
+                self.wfile.write(body)
+            else:
+                super().do_GET()
 
-    url = lambda self, path: '%s://127.0.0.1:%d/%s' % ('https' if self.tls else 'http', self.port, path)  # noqa
-
-    def window(self, path):
-        uris = re.findall(r'^([^#\n].*)$', harness.read_file(os.path.join(self.directory, path), True), re.M)
-        published = min(len(uris), 4 + int((time.monotonic() - self.started) / 1.0))
-        first = max(0, published - 4)
-        return playlist(uris[first:published], first, published == len(uris))
-
-    def __enter__(self):
-        server = self
-
-        class Handler(http.server.SimpleHTTPRequestHandler):
-            log_message = lambda *_: None  # noqa: E731
-
-            def do_GET(self):
-                path = self.path.lstrip('/')
-                if path.startswith('hop/'):
-                    self.send_response(302 if 'master' in path else 404)
-                    self.send_header('Location', '/' + path[4:]), self.end_headers()
-                elif server.live and path.endswith('.m3u8') and 'master' not in path:
-                    body = server.window(path).encode()
-                    self.send_response(200), self.send_header('Content-Length', str(len(body))), self.end_headers()
-                    self.wfile.write(body)
-                else:
-                    super().do_GET()
-
-        self.started = time.monotonic()
-        self.server = peers._Server(('127.0.0.1', self.port), functools.partial(Handler, directory=self.directory))
-        if self.tls:
-            ctx = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
-            ctx.load_cert_chain(*peers.make_cert())
-            self.server.socket = ctx.wrap_socket(self.server.socket, server_side=True)
-        threading.Thread(target=self.server.serve_forever, kwargs={'poll_interval': 0.1}, daemon=True).start()
-        return self
-
-    def __exit__(self, *exc):
-        self.server.shutdown(), self.server.server_close()
+    return peers.HttpPeer(directory, tls, handler=Handler)
 
 
 # The nearest time on the 29.97 fps caption grid, where a cue's captions are shown and erased.
@@ -166,16 +139,14 @@ class HlsCaptions(harness.RelayChecks):
         run = harness.run_pelvane(args, tag=tag, timeout=60)
         self.assertEqual(run.status, 0, run.describe())
         self.assertRelayTs(run, ['h264', 'aac'], name=tag)
-        status, events, err = tc.run_cc(run.stdout)
-        self.assertEqual((status, err), (0, ''))
-        status, a53, err = tc.run_cc(run.stdout, '--a53')
-        self.assertEqual((status, err), (0, ''), run.describe())
+        (status, events, err), (a53_status, a53, a53_err) = tc.run_cc(run.stdout), tc.run_cc(run.stdout, '--a53')
+        self.assertEqual((status, err, a53_status, a53_err), (0, '', 0, ''), run.describe())
         return run, [json.loads(e) for e in events.splitlines()], harness.write_file(harness.scratch(tag + '.ts'), a53)
 
     # Every expected cue as one event with its identifier, settings and text at its time, and
     # shown once by the ffmpeg tool's decoder and by mux.js, on and off within a frame of its
-    # place on the caption grid. Returns the worst distance (ms) from the cue's own times.
-    def assertCaptionsShown(self, events, a53_path, cues, ctx):
+    # place on the caption grid. Writes the counts and the worst distance from the cues' times.
+    def assertCaptionsShown(self, events, a53_path, cues, ctx, label):
         at = lambda ms: self.first_ms + ms  # noqa: E731
         self.assertEqual([(e['identifier'], e['settings'], e['text'], e['start'], e['end']) for e in events],
                          [(c.id, c.settings, c.text, int(at(c.start)), int(at(c.end))) for c in cues], ctx)
@@ -194,21 +165,20 @@ class HlsCaptions(harness.RelayChecks):
                 for seen, due in ((on, on_grid(at(c.start))), (off, on_grid(at(c.end)))):
                     self.assertTrue(0 <= seen - due < FRAME_MS + 1, (reader, c.text, seen, due))
                 worst = max(worst, abs(on - at(c.start)), abs(off - at(c.end)))
-        return worst
+        sys.stderr.write('%s: %d cues, %d events, %d and %d shown, worst timing error %d ms\n' % (
+            label, len(cues), len(events), len(shown), len(shown_muxjs), worst))
 
     def test_finished_channel_over_https_through_a_redirect(self):
-        with ChannelServer(self.channel, tls=True) as server:
+        with channel_peer(self.channel, tls=True) as server:
             run, events, a53 = self.relay(['--url', server.url('hop/master_variants.m3u8')], 'hls-finished')
         self.assertIn('Found VTT rendition. Name "English", language "en": %s\n' % server.url('en/subs.m3u8'),
                       run.stderr, run.describe())
         self.assertNotIn('Did not find VTT stream', run.stderr)
         self.assertNotIn('Subtitle rendition', run.stderr)
-        worst = self.assertCaptionsShown(events, a53, CUES, run.describe())
-        sys.stderr.write('finished channel: %d cues, %d events, worst timing error %d ms\n' % (
-            len(CUES), len(events), worst))
+        self.assertCaptionsShown(events, a53, CUES, run.describe(), 'finished channel')
 
     def test_live_channel(self):
-        with ChannelServer(self.channel, live=True) as server:
+        with channel_peer(self.channel, live=True) as server:
             run, events, a53 = self.relay(['--hls', '--url', server.url('master.m3u8')], 'hls-live')
         self.assertIn('Found VTT rendition. Name "English"', run.stderr, run.describe())
         # The relay starts three segments from the live end: cues that ended before it are not shown.
@@ -216,12 +186,10 @@ class HlsCaptions(harness.RelayChecks):
         self.assertGreater(start, CUES[0].end, 'the live relay started at the first segment')
         live_cues = [c for c in CUES if c.end > start]
         self.assertGreaterEqual(len(live_cues), 4)
-        worst = self.assertCaptionsShown(events, a53, live_cues, run.describe())
-        sys.stderr.write('live channel: %d cues, %d events, worst timing error %d ms\n' % (
-            len(live_cues), len(events), worst))
+        self.assertCaptionsShown(events, a53, live_cues, run.describe(), 'live channel')
 
     def test_unreadable_renditions_leave_the_relay_whole(self):
-        with ChannelServer(self.channel) as server:
+        with channel_peer(self.channel) as server:
             for master, problem in (('master_missing.m3u8', "'%s': playlist: HTTP status 404" % server.url('gone.m3u8')),
                                     ('master_broken.m3u8', "segment '%s' is not WebVTT" % server.url('junk.vtt'))):
                 run = harness.run_pelvane(['--url', server.url(master)], tag='hls-bad')

