@@ -55,36 +55,30 @@ bool next_playlist_line(text_lines& lines, std::string_view& line) {
   return true;
 }
 
+// Reads the first line: true when it is the playlist's signature.
+bool starts_playlist(text_lines& lines) {
+  std::string_view first;
+  return next_playlist_line(lines, first) && first.substr(0, 7) == "#EXTM3U";
+}
+
 }  // namespace
 
 attribute_list parse_attribute_list(std::string_view s) {
   attribute_list out;
   size_t i = 0;
   while (i < s.size()) {
-    const size_t eq = s.find('=', i);
-    const size_t comma = s.find(',', i);
-    if (eq == std::string_view::npos || (comma != std::string_view::npos && comma < eq)) {
-      if (comma == std::string_view::npos) break;
-      i = comma + 1;  // an entry without a value
-      continue;
+    const size_t eq = std::min(s.find('=', i), s.size());
+    size_t end = std::min(s.find(',', i), s.size());
+    if (eq < end) {
+      std::string name(trim_blanks(s.substr(i, eq - i)));
+      const bool quoted = eq + 1 < s.size() && s[eq + 1] == '"';
+      const size_t close = quoted ? std::min(s.find('"', eq + 2), s.size()) : eq;
+      end = std::min(s.find(',', close), s.size());  // a quoted value may hold commas
+      const std::string_view value =
+          quoted ? s.substr(eq + 2, close - eq - 2) : trim_blanks(s.substr(eq + 1, end - eq - 1));
+      out.emplace_back(std::move(name), std::string(value));
     }
-    std::string name(trim_blanks(s.substr(i, eq - i)));
-    size_t j = eq + 1;
-    std::string value;
-    if (j < s.size() && s[j] == '"') {
-      const size_t close = s.find('"', j + 1);
-      const size_t value_end = close == std::string_view::npos ? s.size() : close;
-      value.assign(s.substr(j + 1, value_end - j - 1));
-      j = value_end == s.size() ? s.size() : value_end + 1;
-      const size_t next = s.find(',', j);
-      j = next == std::string_view::npos ? s.size() : next;
-    } else {
-      const size_t next = s.find(',', j);
-      j = next == std::string_view::npos ? s.size() : next;
-      value.assign(trim_blanks(s.substr(eq + 1, j - eq - 1)));
-    }
-    out.emplace_back(std::move(name), std::move(value));
-    i = j + 1;
+    i = end + 1;
   }
   return out;
 }
@@ -93,7 +87,7 @@ master_playlist parse_master_playlist(std::string_view text) {
   master_playlist m;
   text_lines lines(text);
   std::string_view line;
-  if (!next_playlist_line(lines, line) || line.substr(0, 7) != "#EXTM3U") return m;
+  if (!starts_playlist(lines)) return m;
   m.valid = true;
   bool variant_open = false;  // an #EXT-X-STREAM-INF waits for its URI line
   while (next_playlist_line(lines, line)) {
@@ -165,7 +159,7 @@ media_playlist parse_media_playlist(std::string_view text) {
   media_playlist p;
   text_lines lines(text);
   std::string_view line;
-  if (!next_playlist_line(lines, line) || line.substr(0, 7) != "#EXTM3U") return p;
+  if (!starts_playlist(lines)) return p;
   int64_t sequence = 0;
   bool has_target = false;
   while (next_playlist_line(lines, line)) {
