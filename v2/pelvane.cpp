@@ -439,6 +439,7 @@ void relay_packets(input_side& in, output_side& out) {
     const int e = av_read_frame(in.ctx, pkt);
     if (e < 0) {
       fputs(e == AVERROR_EOF ? "end of stream. exiting..\n" : "av_read_frame() failed. exiting.\n", stderr);
+      if (e == AVERROR_EOF) rendition_reader_finish();  // the rendition's last cues
       break;
     }
     rendition_reader_take();  // an HLS subtitle rendition's cues that have come in

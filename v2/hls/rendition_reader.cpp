@@ -34,6 +34,10 @@ namespace {
 // waits for room.
 constexpr size_t handed_cues_max = 4096;
 constexpr size_t handed_bytes_max = 4 << 20;
+// At the end of the source, how long the relay waits for the thread to read
+// the rendition to its end, and how often it takes what came in meanwhile.
+constexpr int64_t finish_wait_ms = 2000;
+constexpr int finish_poll_ms = 50;
 
 // ---- set-up, on the driver's thread; read-only while a reading thread runs ----
 master_playlist master;
@@ -56,6 +60,7 @@ std::deque<handed_cue> handed;
 size_t handed_bytes = 0;
 std::atomic<bool> stopping{false};     // written under `guard`
 std::atomic<bool> cues_handed{false};  // `handed` may hold cues
+std::atomic<bool> reader_done{false};  // the reading thread has returned
 std::thread reader;
 
 // ---- problems: counted by the reading thread, read once it is joined ----
@@ -153,6 +158,7 @@ void read_rendition() {
     wait_until(load_start + reload_delay_ms(target_ms, unchanged, failed));
   }
   fetcher_end(f);
+  reader_done = true;
 }
 
 void stop_reading() {
@@ -184,6 +190,7 @@ void start_reading(int index) {
   reading_index = index;
   reading_url = url;
   stopping = false;
+  reader_done = false;
   for (size_t& n : problems) n = 0;
   sigset_t all;
   sigset_t before;
@@ -281,6 +288,16 @@ void rendition_reader_take() {
     if (place_cue(c.start_mpegts, c.duration_ms, first_video_90k, latest_video_90k, start_ms, end_ms))
       ingest_cue(start_ms, end_ms, c.identifier, c.settings, c.text);
   }
+}
+
+void rendition_reader_finish() {
+  const int64_t give_up = monotonic_ms() + finish_wait_ms;
+  while (reader.joinable() && !reader_done && stop_signal_count == 0 && monotonic_ms() < give_up) {
+    rendition_reader_take();
+    std::unique_lock<std::mutex> lock(guard);
+    wake.wait_for(lock, std::chrono::milliseconds(finish_poll_ms));
+  }
+  rendition_reader_take();
 }
 
 void rendition_reader_stop() { stop_reading(); }

@@ -17,6 +17,7 @@
 //                             stops the reading for the chosen video
 //   rendition_reader_report   the stream report's line for the rendition
 //   rendition_reader_video / rendition_reader_take   in the relay loop
+//   rendition_reader_finish   at the end of the source
 //   rendition_reader_stop     at the end of the run, on every way out
 #pragma once
 
@@ -46,6 +47,11 @@ void rendition_reader_video(int64_t pts, AVRational time_base);
 // Passes the cues handed over since the last call to ingest_cue, once a
 // picture has been relayed. Costs an atomic load when there are none.
 void rendition_reader_take();
+
+// At the end of the source: waits up to 2 s (less after a stop signal) for
+// the thread to read a finished rendition to its end, passing on its cues,
+// so that those of the source's last seconds still go out.
+void rendition_reader_finish();
 
 // Stops the reading thread and waits for it (at most about 100 ms), then
 // reports how many problems were not shown.
