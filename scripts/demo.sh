@@ -101,6 +101,23 @@ echo "-- the first caption event as pelvane-cc prints it (CEA-608/708 data short
 head -n1 "$demo/captions.json" | cut -c1-400 | sed 's/^/   | /'
 show_output "$demo/captions.ts" 0
 
+section "Captions from an HLS channel's WebVTT subtitle rendition, which FFmpeg's HLS reader skips"
+channel=$(cd "$top/tests/integration" && "$py" -c 'import harness, test_hls_captions; print(harness.media_path("hls_channel"))')
+start_peer hls "$peers" http --media "$channel/master.m3u8"
+url=$(head -n1 "$demo/hls.url")
+echo "-- the master playlist (video and audio segmented by the ffmpeg tool, stamps from 1000 s):"
+sed 's/^/   | /' "$channel/master.m3u8"
+echo "-- a segment of its English rendition:"
+sed 's/^/   | /' "$channel/en/04.vtt"
+echo "\$ pelvane --url $url | pelvane-cc --a53 > hls-a53.ts"
+"$bin" --url "$url" 2>"$demo/hls.err" | "$cc_bin" --a53 >"$demo/hls-a53.ts" 2>>"$demo/hls.err"
+echo "-- the stream report on standard error:"
+grep -E '^(Found|Did not)' "$demo/hls.err" | sed 's/^/   | /'
+echo "-- the video's A/53 captions, decoded by the ffmpeg tool (times from the first picture):"
+ffmpeg -nostdin -v error -f lavfi -i "movie=$demo/hls-a53.ts[out0+subcc]" -map 0:s -f srt - |
+  sed -e 's/<[^>]*>//g' -e 's/{\\[^}]*}//g' -e 's/\\h/ /g' -e 's/^/   | /'
+show_output "$demo/hls-a53.ts" 0
+
 section "RTSP server whose video is MPEG-TS over RTP: pelvane answers with a redirect"
 if [ "$(id -u)" = 0 ] && ! ss -Hltn 'sport = :554' | grep -q .; then
   # The answer needs the server address without a port, so the scripted

@@ -23,6 +23,7 @@ extern "C" {
 
 #include "v2/captions/captions.h"
 #include "v2/ff_util.h"
+#include "v2/hls/rendition_reader.h"
 #include "v2/relay_rules.h"
 #include "v2/rtsp/rtsp_probe.h"
 #include "v2/settings.h"
@@ -54,6 +55,7 @@ struct output_side {
 };
 
 [[noreturn]] void end_run(int status) {
+  rendition_reader_stop();
   if (run_sink) run_sink->out_buffer = sliding_window_v4_destroy(run_sink->out_buffer);
   exit(status);
 }
@@ -154,6 +156,7 @@ AVFormatContext* open_source() {
     if (e == AVERROR(EPROTONOSUPPORT)) fputs("FFMPEG says not supported.\n", stderr);
     fail_run();
   }
+  rendition_reader_open(ctx);  // an HLS source's subtitles start loading beside the stream probe
   e = avformat_find_stream_info(ctx, nullptr);
   if (e >= 0 && setup_watch_fired()) e = AVERROR_EXIT;  // streams found before the stall are not enough
   if (e < 0) {
@@ -201,7 +204,7 @@ void report_streams(const input_side& in) {
     fputs("Did not find audio stream\n", stderr);
   }
   if (in.vtt_index >= 0) fprintf(stderr, "Found VTT stream. Index %d\n", in.vtt_index);
-  else fputs("Did not find VTT stream\n", stderr);
+  else if (!rendition_reader_report()) fputs("Did not find VTT stream\n", stderr);
 }
 
 // Input stage: the source opened, its streams listed and chosen. A source
@@ -211,6 +214,7 @@ input_side open_input() {
   in.ctx = open_source();
   av_dump_format(in.ctx, 0, source_url.c_str(), 0);
   choose_streams(in);
+  rendition_reader_choose(in.ctx, in.video_index, in.vtt_index);
   report_streams(in);
   if (in.video_index < 0 && in.audio_index < 0) {
     fputs("Did not find any streams\n", stderr);
@@ -395,6 +399,7 @@ void write_packet(AVFormatContext* out, AVPacket* pkt) {
 
 void relay_video(const input_side& in, output_side& out, stamp_state& st, AVPacket* pkt) {
   if (!repair_video_stamps(st, pkt->pts, pkt->dts, pkt->flags & AV_PKT_FLAG_KEY)) return;
+  rendition_reader_video(pkt->pts, in.ctx->streams[in.video_index]->time_base);
   av_packet_rescale_ts(pkt, in.ctx->streams[in.video_index]->time_base, out.video->time_base);
   if (!out.annexb_filter || !pkt->data || pkt->size <= 0) {
     pkt->stream_index = out.video->index;
@@ -435,8 +440,10 @@ void relay_packets(input_side& in, output_side& out) {
     const int e = av_read_frame(in.ctx, pkt);
     if (e < 0) {
       fputs(e == AVERROR_EOF ? "end of stream. exiting..\n" : "av_read_frame() failed. exiting.\n", stderr);
+      if (e == AVERROR_EOF) rendition_reader_finish();  // the rendition's last cues
       break;
     }
+    rendition_reader_take();  // an HLS subtitle rendition's cues that have come in
     if (pkt->stream_index == in.video_index && out.video) relay_video(in, out, video_stamps, pkt);
     else if (pkt->stream_index == in.audio_index && out.audio) relay_audio(in, out, audio_stamps, pkt);
     else if (pkt->stream_index == in.vtt_index && out.video && !allow_mp4)  // events go only into MPEG-TS

@@ -41,13 +41,14 @@ def make_cert():
 
 
 class HttpPeer:
-    def __init__(self, directory=None, tls=False, port=None):
+    def __init__(self, directory=None, tls=False, port=None, handler=_Handler):
         self.directory, self.tls, self.port = directory or harness.MEDIA, tls, port or harness.free_port()
+        self.handler = handler
 
     url = lambda self, name: '%s://127.0.0.1:%d/%s' % ('https' if self.tls else 'http', self.port, name)  # noqa
 
     def __enter__(self):
-        self.server = _Server(('127.0.0.1', self.port), functools.partial(_Handler, directory=self.directory))
+        self.server = _Server(('127.0.0.1', self.port), functools.partial(self.handler, directory=self.directory))
         if self.tls:
             ctx = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
             ctx.load_cert_chain(*make_cert())

@@ -1,5 +1,6 @@
-// Caption ingestion: one WebVTT packet of the source becomes one queued
-// caption event with its CEA-608 and CEA-708 conversions.
+// Caption ingestion: one cue, from a WebVTT packet of the source or from an
+// HLS subtitle rendition, becomes one queued caption event with its CEA-608
+// and CEA-708 conversions.
 #include <algorithm>
 #include <cstdio>
 
@@ -37,15 +38,19 @@ constexpr size_t map_node_bytes = 48;
 // grown by every event queued (the sink's removals only lower the truth).
 size_t queue_bytes_bound = 0;
 
-// Side data of `type` as text, cut to `room` bytes, which it uses up; absent
-// and empty side data both give "".
-std::string side_data_text(const AVPacket* pkt, AVPacketSideDataType type, size_t& room) {
+// Side data of `type` as text; absent side data gives "".
+std::string_view side_data_text(const AVPacket* pkt, AVPacketSideDataType type) {
   size_t size = 0;
   const uint8_t* data = av_packet_get_side_data(pkt, type, &size);
-  if (!data || size == 0) return {};
-  size = std::min(size, room);
-  room -= size;
-  return std::string(reinterpret_cast<const char*>(data), size);
+  if (!data) return {};
+  return std::string_view(reinterpret_cast<const char*>(data), size);
+}
+
+// `s` cut to `room` bytes, which it uses up.
+std::string_view take_room(std::string_view s, size_t& room) {
+  s = s.substr(0, room);
+  room -= s.size();
+  return s;
 }
 
 // Fills the event's cc608 and cc708 from its cue, carrying the converters'
@@ -99,26 +104,29 @@ void limit_vtt_event_queue() {
 
 }  // namespace
 
-void ingest_caption_packet(const AVPacket* pkt) {
-  if (!pkt) return;
+void ingest_cue(int64_t start_ms, int64_t end_ms, std::string_view identifier, std::string_view settings,
+                std::string_view text) {
   size_t room = cue_text_room;
-  std::string identifier = side_data_text(pkt, AV_PKT_DATA_WEBVTT_IDENTIFIER, room);
-  std::string settings = side_data_text(pkt, AV_PKT_DATA_WEBVTT_SETTINGS, room);
-  if (!pkt->data || pkt->size <= 0) return;
-
   VPVTTEvent ev;
-  // Times stay in the caption stream's time base, read as milliseconds; a
-  // missing pts is kept as it is.
-  ev.start = std::chrono::milliseconds(pkt->pts);
-  ev.end = std::chrono::milliseconds(
-      static_cast<int64_t>(static_cast<uint64_t>(pkt->pts) + static_cast<uint64_t>(pkt->duration)));
-  ev.identifier = std::move(identifier);
-  CueSettingsStringToVTTFileEvent(ev, settings);
-  ev.text.assign(reinterpret_cast<const char*>(pkt->data), std::min(static_cast<size_t>(pkt->size), room));
+  ev.start = std::chrono::milliseconds(start_ms);
+  ev.end = std::chrono::milliseconds(end_ms);
+  ev.identifier = take_room(identifier, room);
+  CueSettingsStringToVTTFileEvent(ev, std::string(take_room(settings, room)));
+  ev.text = take_room(text, room);
   convert_cue(ev);
   ev.bytes = caption_event_bytes(ev);
 
   limit_vtt_event_queue();
   queue_bytes_bound += ev.bytes;
   vtt_event_queue.push_back(std::move(ev));
+}
+
+void ingest_caption_packet(const AVPacket* pkt) {
+  if (!pkt || !pkt->data || pkt->size <= 0) return;
+  // Times stay in the caption stream's time base, read as milliseconds; a
+  // missing pts is kept as it is.
+  const int64_t end = static_cast<int64_t>(static_cast<uint64_t>(pkt->pts) + static_cast<uint64_t>(pkt->duration));
+  ingest_cue(pkt->pts, end, side_data_text(pkt, AV_PKT_DATA_WEBVTT_IDENTIFIER),
+             side_data_text(pkt, AV_PKT_DATA_WEBVTT_SETTINGS),
+             std::string_view(reinterpret_cast<const char*>(pkt->data), static_cast<size_t>(pkt->size)));
 }

@@ -2,7 +2,11 @@
 //
 //  1. The relay loop (v2/pelvane.cpp) hands each packet of the WebVTT stream
 //     to ingest_caption_packet (caption_ingest.cpp), while a video stream is
-//     relayed into MPEG-TS output.
+//     relayed into MPEG-TS output. For an HLS source without a WebVTT stream
+//     whose video's variant names a subtitle rendition, the first stage is
+//     the rendition reader (v2/hls/) instead: a thread of its own fetches the
+//     rendition's WebVTT segments and hands their cues, put on the video's
+//     clock, to the relay loop, which passes each to ingest_cue.
 //  2. Ingestion parses the cue settings (CueSettingsStringToVTTFileEvent,
 //     cue_settings.cpp), converts the cue with WebVTTTo608 and WebVTTTo708
 //     (tolm_utils/) and appends the event to vtt_event_queue, bounded in
@@ -14,13 +18,14 @@
 //     pelvane-cc reads back (v2/cc/caption_event_reader.h).
 //
 // Stages 1 and 2 are the producing side of the queue, 3 and 4 the consuming
-// side; both run on the relay loop's one thread, so the queue has no lock.
+// side; both run on the relay loop's thread, so the queue has no lock.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <string>
+#include <string_view>
 
 #include "tolm_utils/webvtt.h"
 #include "v2/captions/ts_packet.h"
@@ -55,9 +60,14 @@ extern WebVTTConvContext_v1 vtt_608_context;
 extern WebVTTConvContext_v1 vtt_708_context;
 void caption_contexts_start();
 
-// Builds the event for one WebVTT packet (times in milliseconds, not
-// rescaled) and appends it to vtt_event_queue. Identifier, settings and text
-// are cut to what one event can carry, in that order of precedence.
+// Builds the event for one cue (times in milliseconds on the cue clock) and
+// appends it to vtt_event_queue. Identifier, settings and text are cut to
+// what one event can carry, in that order of precedence.
+void ingest_cue(int64_t start_ms, int64_t end_ms, std::string_view identifier, std::string_view settings,
+                std::string_view text);
+// ingest_cue for one packet of the source's WebVTT stream: its times read as
+// milliseconds (not rescaled), its identifier and settings from side data. A
+// packet without data gives nothing.
 void ingest_caption_packet(const AVPacket* pkt);
 
 // ---- consuming side ----
