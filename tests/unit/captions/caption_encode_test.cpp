@@ -41,15 +41,17 @@ TEST(CaptionEncode, PayloadLayout) {
 // An oversize event loses whole maps, 708 first, before its text; entry times read back exact,
 // for a cue that starts before 0 too.
 TEST(CaptionEncode, CutsAndEntryTimes) {
-  auto event = [](int64_t start, size_t text) {
+  auto event = [](int64_t start, size_t text, std::vector<uint64_t> keys = {0, 2074}) {
     VPVTTEvent ev = make_event(start, start + 4000, std::string(text, 'x'));
-    ev.cc608 = {{0, eia608_pair{{0x94, 0x2F}}}, {2074, eia608_pair{{0x94, 0x2C}}}};
+    for (uint64_t k : keys) ev.cc608[k] = eia608_pair{{0x94, 0x2C}};
     ev.cc708 = {{33, {q7ro_cea708_word{0xFF, 0x0102}, q7ro_cea708_word{0xFE, 0x0304}}}};
     return ev;
   };
   // The times of 608 pairs, then 708 words, as read back; the payload length, text length and message.
   const struct { const char* name; VPVTTEvent ev; std::vector<int64_t> times; size_t length, text; const char* message; } cases[] = {
       {"cue before 0", event(-1926, 5), {0, 2074, 33, 33}, 55, 5, ""},
+      {"steps over 65,535 ms spill into the next entries", event(0, 0, {0, 140000, 140100, 140200}), {0, 65535, 131070, 140200, 33, 33}, 58, 0, ""},
+      {"exactly at the limit: nothing cut", event(1000, caption_payload_max - 50), {0, 2074, 33, 33}, 15995, caption_payload_max - 50, ""},
       {"1 byte over: all 708 words go, 608 whole", event(1000, caption_payload_max - 49), {0, 2074}, 15986,
        caption_payload_max - 49, "VTT event cut to 15986 bytes\n"},
       {"both maps go before the text is cut", event(1000, caption_payload_max - 31), {}, 15995, 15963,
