@@ -51,6 +51,9 @@ class Serve(unittest.TestCase):
                 # A client that hangs up ends its relay at once (SIGPIPE); ffprobe is a client too.
                 self.assertTrue(harness.wait_for(lambda: not relays_in(front.pid), 2.0), kind)
                 self.assertEqual(codecs(url), ['mp2', 'mpeg2video'], kind)
+                # One that reads to the end gets a clean close, not a reset for the request it sent.
+                whole = subprocess.run([need('curl', 'curl'), '-sS', '--max-time', '30', url], capture_output=True)
+                self.assertEqual((whole.returncode, whole.stderr), (0, b''), kind)
                 front.stop()
 
     def test_manual_pages_lint_clean_and_list_every_usage_option(self):

@@ -18,13 +18,6 @@ bytes payload_of(const VPVTTEvent& ev, const caption_payload_keep& keep = captio
   return bytes(buf.begin(), buf.begin() + static_cast<long>(n));
 }
 
-TEST(CaptionEncode, SmallestEvent) {
-  vtt_ts_continuity = 0;
-  bytes expected = hex_bytes("47 5F FE 10 \"MOLVAR:VTT\" 00 20 00");
-  expected.resize(188, 0);  // times, terminators, leads, end marks and padding are all zero
-  EXPECT_EQ(encode(VPVTTEvent()), expected);
-}
-
 TEST(CaptionEncode, PayloadLayout) {
   VPVTTEvent ev = make_event(1000, 3000, std::string("Hi\0cut", 6));
   ev.identifier = "c1";
@@ -72,6 +65,26 @@ TEST(CaptionEncode, CutsAndEntryTimes) {
     for (const caption_pair_at& pair : back.cc608) times.push_back(pair.time_ms);
     for (const caption_word_at& word : back.cc708) times.push_back(word.time_ms);
     EXPECT_EQ(std::make_pair(times, back.text.size()), std::make_pair(c.times, c.text));
+  }
+}
+
+// pelvane-cc's reader over two encoded events: a counter going from 15 to 0 is
+// in order; non-zero padding and a skipped counter are reported.
+TEST(CaptionEncode, ReaderChecksPackets) {
+  const struct { const char* name; size_t at; uint8_t value; std::vector<std::string> problems; } cases[] = {
+      {"clean", 0, 0x47, {}},
+      {"padding", 187, 1, {"non-zero padding after a caption event"}},
+      {"a counter skipped", 188 + 3, 0x12, {"caption continuity counter 2, expected 0"}},
+  };
+  for (const auto& c : cases) {
+    vtt_ts_continuity = 15;
+    bytes s = encode(make_event(0, 1, "a")), second = encode(make_event(1, 2, "b"));
+    s.insert(s.end(), second.begin(), second.end());
+    s[c.at] = c.value;
+    caption_stream_reader r;
+    caption_read_output out;
+    for (size_t i = 0; i < s.size(); i += 188) caption_reader_take(r, &s[i], out);
+    EXPECT_EQ(std::make_pair(out.problems, out.events.size()), std::make_pair(c.problems, size_t{2})) << c.name;
   }
 }
 
