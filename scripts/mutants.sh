@@ -13,10 +13,14 @@
 # with its reason and not run. A snippet that is not found exactly once stops
 # the run before anything is built.
 #
-#   MUTANTS=id1,id2     run only these
-#   MUTANTS_LIST=file   another list
-#   MUTANTS_BASELINE=0  skip the check that the unmutated copy passes
-#   JOBS=n              build jobs (default 2)
+#   MUTANTS=id1,id2         run only these
+#   MUTANTS_LIST=file       another list
+#   MUTANTS_STAGES="unit"   only these stages (of unit, quick, rest)
+#   MUTANTS_ALL=1           run every stage in full and name every test that
+#                           fails, then count per test the mutants it caught
+#                           and those it alone caught (which tests carry weight)
+#   MUTANTS_BASELINE=0      skip the check that the unmutated copy passes
+#   JOBS=n                  build jobs (default 2)
 set -uo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 list=${MUTANTS_LIST:-$root/scripts/mutants.txt}
@@ -104,28 +108,41 @@ build_copy() {
   ninja -C "$bld" -j"$jobs" >"$1" 2>&1 </dev/null
 }
 
-# The suite, cheapest stage first, up to the first failure. Sets `stage` and
-# `failed` (the test that failed, with the case for an integration test).
-stages=(unit quick rest)
+# The failing tests a ctest log names, one a line; an integration test with
+# each of its failing cases.
+failures_in() {
+  awk '/Test +#[0-9]+: / && !/ Passed/ { t = $0; sub(/.*Test +#[0-9]+: /, "", t); sub(/ .*/, "", t)
+                                          if (t ~ /^integration\./) open[t] = 1; else print t; cur = t }
+       /^(FAIL|ERROR): test_/ { print cur " (" $2 ")"; named[cur] = 1 }
+       END { for (t in open) if (!named[t]) print t }' "$1"
+}
+
+# The suite, cheapest stage first, up to the first failure (with MUTANTS_ALL,
+# all of it). Sets `stage` (where it first failed) and `failed` (the tests
+# that failed, one a line).
+read -r -a stages <<<"${MUTANTS_STAGES:-unit quick rest}"
+all=${MUTANTS_ALL:-0}
+stop=--stop-on-failure
+[ "$all" = 1 ] && stop=
 run_suite() {
-  local tag=$1 log
+  local tag=$1 log at=
   failed=
   for stage in "${stages[@]}"; do
     log=$logs/$tag.$stage.log
     case $stage in
-      unit) ctest --test-dir "$bld" -L unit --stop-on-failure --timeout 60 -j2 --output-on-failure >"$log" 2>&1 ;;
-      quick) ctest --test-dir "$bld" -L quick --stop-on-failure --timeout 400 -j3 --output-on-failure >"$log" 2>&1 ;;
-      rest) ctest --test-dir "$bld" -L integration -LE quick --stop-on-failure --timeout 400 -j2 \
-        --output-on-failure >"$log" 2>&1 ;;
+      unit) ctest --test-dir "$bld" -L unit $stop --timeout 60 -j2 --output-on-failure >"$log" 2>&1 ;;
+      quick) ctest --test-dir "$bld" -L quick $stop --timeout 400 -j3 --output-on-failure >"$log" 2>&1 ;;
+      rest) ctest --test-dir "$bld" -L integration -LE quick $stop --timeout 400 -j2 --output-on-failure >"$log" 2>&1 ;;
+      *) echo "unknown stage $stage" >&2; exit 2 ;;
     esac
     [ $? = 0 ] && continue
-    failed=$(grep -E 'Test +#[0-9]+: ' "$log" | grep -v ' Passed' | head -1 | sed -E 's/.*Test +#[0-9]+: ([^ ]+).*/\1/')
-    case_name=$(grep -m1 -oE '^(FAIL|ERROR): test_[A-Za-z0-9_]+' "$log" | sed -E 's/^[A-Z]+: //')
-    [ -n "$case_name" ] && failed="$failed ($case_name)"
-    [ -n "$failed" ] || failed="(see $log)"
-    return 1
+    failed+=$(failures_in "$log")$'\n'
+    [ -n "$at" ] || at=$stage
+    [ "$all" = 1 ] || break
   done
-  return 0
+  stage=$at
+  failed=$(printf '%s' "$failed" | sed '/^$/d')
+  [ -z "$at" ]
 }
 
 sync_copy
@@ -134,13 +151,13 @@ if [ "${MUTANTS_BASELINE:-1}" != 0 ]; then
   echo "baseline: building and testing the unmutated copy in $bld"
   build_copy "$logs/baseline.build.log" || { echo "the unmutated copy does not build: $logs/baseline.build.log"; exit 1; }
   if ! run_suite baseline; then
-    echo "the suite fails without any mutation: $failed ($stage stage; $logs/baseline.$stage.log)"
+    echo "the suite fails without any mutation: ${failed:-?} ($stage stage; $logs/baseline.$stage.log)"
     exit 1
   fi
 fi
 
 caught=0 survived=0 broken=0 equivalent=0
-: >"$work/survivors" && : >"$work/equivalents"
+: >"$work/survivors" && : >"$work/equivalents" && : >"$work/catches"
 while IFS=$'\x1f' read -r -u 3 id file why fault; do
   if [ -n "$why" ]; then
     printf '%-30s equivalent: %s\n' "$id" "$why"
@@ -159,7 +176,9 @@ while IFS=$'\x1f' read -r -u 3 id file why fault; do
     printf '  %-28s %s: %s\n' "$id" "$file" "$fault" >>"$work/survivors"
     survived=$((survived + 1))
   else
-    printf '%-30s caught by %s, %s stage (%ds)\n' "$id" "$failed" "$stage" $(($(date +%s) - t0))
+    printf '%-30s caught by %s, %s stage (%ds)\n' "$id" "$(printf '%s' "${failed:-?}" | paste -sd ' ')" "$stage" \
+      $(($(date +%s) - t0))
+    printf '%s\n' "${failed:-?}" | sed "s/^/$id\t/" >>"$work/catches"
     caught=$((caught + 1))
   fi
   cp "$work/original" "$src/$file"
@@ -171,4 +190,10 @@ echo "caught $caught of $total mutants ($((total ? 100 * caught / total : 0)) %)
   "$broken not building left out; $(($(date +%s) - start)) s"
 [ -s "$work/survivors" ] && echo "survived:" && cat "$work/survivors"
 [ -s "$work/equivalents" ] && echo "equivalent:" && cat "$work/equivalents"
+if [ "$all" = 1 ] && [ -s "$work/catches" ]; then
+  echo "mutants caught per test (alone: caught by no other test):"
+  awk -F '\t' '{ n[$2]++; by[$1] = by[$1] ? "-" : $2 } END { for (m in by) if (by[m] != "-") a[by[m]]++
+                                                          for (t in n) printf "  %3d  alone %3d  %s\n", n[t], a[t], t }' \
+    "$work/catches" | sort -k1,1nr -k4
+fi
 exit 0
