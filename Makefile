@@ -55,7 +55,7 @@ test: deps
 
 # The developer loop, about a minute warm: the system-FFmpeg build, the unit
 # tests and the integration tests labelled quick in tests/CMakeLists.txt.
-.PHONY: check format check-format
+.PHONY: check format check-format mutants
 check: deps
 	@$(MAKE) --no-print-directory build
 	ctest --test-dir build/sys -L '^(unit|quick)$$' --output-on-failure -j2
@@ -66,6 +66,12 @@ format:
 
 check-format:
 	@bash scripts/check-format.sh
+
+# Mutation testing, not part of `make test`: each fault of scripts/mutants.txt
+# in turn, built in a copy of the tree under build/mutants, against the suite
+# (MUTANTS=id1,id2 for a subset).
+mutants: deps
+	@bash scripts/mutants.sh
 
 fuzz: deps
 	@$(MAKE) --no-print-directory build-fuzz

@@ -142,7 +142,6 @@ MEDIA_RECIPES = {
     'h264_aac_vtt.mkv': lambda out: ['-i', media_path('h264_aac.mkv'), '-i', media_path('subs.vtt'), '-map', '0',
                                      '-map', '1', '-c', 'copy'],
     'h264_aac.mkv': lambda out: _video('640x360') + TONE + ['-t', '5'] + X264 + ['-c:a', 'aac', '-ac', '2'],
-    'audio_only.mkv': lambda out: TONE + ['-t', '4', '-c:a', 'aac', '-ac', '2'],
     'mpeg2_mp2.ts': lambda out: _video('640x360') + TONE + ['-t', '5', '-c:v', 'mpeg2video', '-b:v', '1500k', '-g',
                                                             '25', '-c:a', 'mp2'],
     # About 10 MB of MPEG-2 noise: a source far faster than a slow client.

@@ -59,8 +59,7 @@ AV = ['-f', 'lavfi', '-i', 'testsrc=size=320x180:rate=25', '-f', 'lavfi', '-i', 
 harness.register_media('cues_av.mkv', lambda out: AV + ['-t', '30', '-g', '25', '-bf', '0'])
 harness.register_media('cues_a53_av.mkv', lambda out: AV + ['-t', '32', '-g', '50', '-bf', '3', '-b:a', '64k'])
 # -c copy keeps the cues' identifiers and settings (re-encoding would drop them).
-for name, av, shift in (('cues_av_vtt.mkv', 'cues_av.mkv', 0), ('cues_audio_vtt.mkv', 'audio_only.mkv', 0),
-                        ('cues_sync_run_vtt.mkv', 'cues_sync_run.h264', 0),
+for name, av, shift in (('cues_av_vtt.mkv', 'cues_av.mkv', 0), ('cues_sync_run_vtt.mkv', 'cues_sync_run.h264', 0),
                         ('cues_a53_av_vtt.mkv', 'cues_a53_av.mkv', SHIFT)):
     harness.register_media(name, lambda out, av=av, shift=shift: ['-framerate', '25'] * av.endswith('h264') + [
         '-i', harness.media_path(av), '-itsoffset', str(shift / 1000), '-i', harness.media_path('cues.vtt'),
@@ -129,7 +128,7 @@ class Captions(harness.RelayChecks):
 
     @classmethod
     def setUpClass(cls):
-        for name in ('cues_av_vtt.mkv', 'cues_audio_vtt.mkv', 'cues_sync_run_vtt.mkv', 'cues_a53_av_vtt.mkv'):
+        for name in ('cues_av_vtt.mkv', 'cues_sync_run_vtt.mkv', 'cues_a53_av_vtt.mkv'):
             harness.media_path(name)
         cls.http = peers.HttpPeer(harness.MEDIA).__enter__()
         cls.relay = harness.run_pelvane(['--url', cls.http.url('cues_av_vtt.mkv')], tag='cc-file')
@@ -153,10 +152,6 @@ class Captions(harness.RelayChecks):
         got = [(e['identifier'], e['start'], e['end'], e['settings'], e['text']) for e in map(
             json.loads, self.cc[1].splitlines())]
         self.assertEqual(got, [(c.id, c.start, c.end, settings(c.settings), c.text) for c in CUES], ctx)
-        # A lost packet is reported and the reader goes on with the next event.
-        lost = run.stdout.find(packets[3])
-        status, out, err = run_cc(run.stdout[:lost] + run.stdout[lost + 188:])
-        self.assertEqual((len(out.splitlines()), 'caption continuity counter' in err), (len(CUES) - 1, True), err)
         status, out, err = run_cc(run.stdout, '--srt')
         self.assertEqual((status, err, read_srt(out.decode())), (0, '', [(c.t608[0], c.t608[1], c.want608)
                                                                          for c in CUES]))
@@ -164,7 +159,9 @@ class Captions(harness.RelayChecks):
     def test_no_events_in_mp4_or_without_video(self):
         mp4 = harness.run_pelvane(['--mp4', '--url', self.http.url('cues_sync_run_vtt.mkv')], tag='cc-mp4')
         self.assertEqual((mp4.status, mp4.stdout.count(b'MOLVAR:VTT')), (0, 0), mp4.describe())
-        audio = harness.run_pelvane(['--url', self.http.url('cues_audio_vtt.mkv')], tag='cc-audio')
+        # A width limit of 16 pixels asks for no video, and so for no captions; the last -w counts.
+        audio = harness.run_pelvane(['-w', '640', '-w', '16', '--url', self.http.url('cues_av_vtt.mkv')],
+                                    tag='cc-audio')
         self.assertEqual((audio.status, 'Found VTT stream.' in audio.stderr, caption_packets(audio.stdout)),
                          (0, True, []), audio.describe())
         self.assertRelayTs(audio, ['aac'], name='cc-audio')

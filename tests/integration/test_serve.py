@@ -50,6 +50,9 @@ class Serve(unittest.TestCase):
                 # A client that hangs up ends its relay at once (SIGPIPE); ffprobe is a client too.
                 self.assertTrue(harness.wait_for(lambda: not relays_in(front.pid), 2.0), kind)
                 self.assertEqual(codecs(client), ['mp2', 'mpeg2video'], kind)
+                # One that reads to the end gets a clean close, not a reset for the request it sent.
+                whole = subprocess.run([need('curl', 'curl'), '-sS', '--max-time', '30', client], capture_output=True)
+                self.assertEqual((whole.returncode, whole.stderr), (0, b''), kind)
                 front.stop()
         self.assertFalse(os.path.exists(marker))
         # The units' exposure as systemd rates it: 7.2 before their confinement block.

@@ -18,13 +18,6 @@ bytes payload_of(const VPVTTEvent& ev, const caption_payload_keep& keep = captio
   return bytes(buf.begin(), buf.begin() + static_cast<long>(n));
 }
 
-TEST(CaptionEncode, SmallestEvent) {
-  vtt_ts_continuity = 0;
-  bytes expected = hex_bytes("47 5F FE 10 \"MOLVAR:VTT\" 00 20 00");
-  expected.resize(188, 0);  // times, terminators, leads, end marks and padding are all zero
-  EXPECT_EQ(encode(VPVTTEvent()), expected);
-}
-
 TEST(CaptionEncode, PayloadLayout) {
   VPVTTEvent ev = make_event(1000, 3000, std::string("Hi\0cut", 6));
   ev.identifier = "c1";
@@ -41,15 +34,17 @@ TEST(CaptionEncode, PayloadLayout) {
 // An oversize event loses whole maps, 708 first, before its text; entry times read back exact,
 // for a cue that starts before 0 too.
 TEST(CaptionEncode, CutsAndEntryTimes) {
-  auto event = [](int64_t start, size_t text) {
+  auto event = [](int64_t start, size_t text, std::vector<uint64_t> keys = {0, 2074}) {
     VPVTTEvent ev = make_event(start, start + 4000, std::string(text, 'x'));
-    ev.cc608 = {{0, eia608_pair{{0x94, 0x2F}}}, {2074, eia608_pair{{0x94, 0x2C}}}};
+    for (uint64_t k : keys) ev.cc608[k] = eia608_pair{{0x94, 0x2C}};
     ev.cc708 = {{33, {q7ro_cea708_word{0xFF, 0x0102}, q7ro_cea708_word{0xFE, 0x0304}}}};
     return ev;
   };
   // The times of 608 pairs, then 708 words, as read back; the payload length, text length and message.
   const struct { const char* name; VPVTTEvent ev; std::vector<int64_t> times; size_t length, text; const char* message; } cases[] = {
       {"cue before 0", event(-1926, 5), {0, 2074, 33, 33}, 55, 5, ""},
+      {"steps over 65,535 ms spill into the next entries", event(0, 0, {0, 140000, 140100, 140200}), {0, 65535, 131070, 140200, 33, 33}, 58, 0, ""},
+      {"exactly at the limit: nothing cut", event(1000, caption_payload_max - 50), {0, 2074, 33, 33}, 15995, caption_payload_max - 50, ""},
       {"1 byte over: all 708 words go, 608 whole", event(1000, caption_payload_max - 49), {0, 2074}, 15986,
        caption_payload_max - 49, "VTT event cut to 15986 bytes\n"},
       {"both maps go before the text is cut", event(1000, caption_payload_max - 31), {}, 15995, 15963,
@@ -70,6 +65,26 @@ TEST(CaptionEncode, CutsAndEntryTimes) {
     for (const caption_pair_at& pair : back.cc608) times.push_back(pair.time_ms);
     for (const caption_word_at& word : back.cc708) times.push_back(word.time_ms);
     EXPECT_EQ(std::make_pair(times, back.text.size()), std::make_pair(c.times, c.text));
+  }
+}
+
+// pelvane-cc's reader over two encoded events: a counter going from 15 to 0 is
+// in order; non-zero padding and a skipped counter are reported.
+TEST(CaptionEncode, ReaderChecksPackets) {
+  const struct { const char* name; size_t at; uint8_t value; std::vector<std::string> problems; } cases[] = {
+      {"clean", 0, 0x47, {}},
+      {"padding", 187, 1, {"non-zero padding after a caption event"}},
+      {"a counter skipped", 188 + 3, 0x12, {"caption continuity counter 2, expected 0"}},
+  };
+  for (const auto& c : cases) {
+    vtt_ts_continuity = 15;
+    bytes s = encode(make_event(0, 1, "a")), second = encode(make_event(1, 2, "b"));
+    s.insert(s.end(), second.begin(), second.end());
+    s[c.at] = c.value;
+    caption_stream_reader r;
+    caption_read_output out;
+    for (size_t i = 0; i < s.size(); i += 188) caption_reader_take(r, &s[i], out);
+    EXPECT_EQ(std::make_pair(out.problems, out.events.size()), std::make_pair(c.problems, size_t{2})) << c.name;
   }
 }
 

@@ -45,11 +45,13 @@ TEST(CaptionIngest, HugeCuesAreCutToWhatOneEventCarries) {
             {AV_PKT_DATA_WEBVTT_SETTINGS, "a:" + std::string(c.value, 'v')}});
     ASSERT_EQ(vtt_event_queue.size(), 1u);
     const VPVTTEvent& ev = vtt_event_queue.front();
-    EXPECT_EQ(std::make_tuple(ev.identifier.size(), ev.settings.count("a") ? ev.settings.at("a").size() : 0, ev.text.size()),
-              std::make_tuple(c.kept_identifier, c.kept_value, c.kept_text));
+    EXPECT_EQ(std::make_tuple(ev.identifier.size(), ev.settings.count("a") ? ev.settings.at("a").size() : 0, ev.text.size(), ev.end.count()),
+              std::make_tuple(c.kept_identifier, c.kept_value, c.kept_text, 3000));
   }
 }
 
+// Big cues that nobody takes: the first overrun keeps the newest events within a
+// quarter of the bound. Once the sink has taken them, as many again fit.
 TEST(CaptionIngest, ByteBoundTrimsTheQueue) {
   reset_caption_state();
   std::string message;
@@ -61,9 +63,16 @@ TEST(CaptionIngest, ByteBoundTrimsTheQueue) {
   }
   ASSERT_LE(cues, vtt_event_queue_byte_limit / (caption_payload_max - caption_payload_fixed) + 2) << message;
   EXPECT_EQ(message, "VTT event queue overrun (count=" + std::to_string(cues - 1) + ")\n");
-  size_t bytes = 0;  // the newest events within a quarter of the bound, then the new one
+  size_t bytes = 0;
   for (const VPVTTEvent& ev : vtt_event_queue) bytes += ev.bytes;
-  EXPECT_TRUE(vtt_event_queue.size() > 1 && bytes - vtt_event_queue.back().bytes <= vtt_event_queue_keep_bytes);
+  const size_t n = vtt_event_queue.size();
+  ASSERT_GT(n, 1u);
+  EXPECT_TRUE(bytes - vtt_event_queue.back().bytes <= vtt_event_queue_keep_bytes);
+  EXPECT_EQ(vtt_event_queue[n - 2].start.count(), 1000 + 10 * static_cast<int64_t>(cues - 2));
+  vtt_event_queue.clear();
+  stderr_capture err;
+  for (size_t i = 0; i + 2 < cues; ++i) ingest(std::string(100000, 'y'), 50000, 5);
+  EXPECT_EQ(err.take(), "");
   vtt_event_queue.clear();
 }
 

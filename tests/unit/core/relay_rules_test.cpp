@@ -24,7 +24,7 @@ TEST(CommandLine, Table) {
       {{"--URL", "x"}, "Unknown switch URL\n", true, -1, -1, ""},
       {{"--url", "x", "-w"}, "Missing value for w\n", true, -1, -1, "x"},
       {{"-h", "480", "---url", "rtmp://h/a"}, "", false, -1, 480, "rtmp://h/a"},
-      {{"-w", "640x", "--url", "x", "--url", "--mp4"}, "", false, 640, -1, "--mp4"},
+      {{"-w", "100", "-w", "640x", "--url", "x", "--url", "--mp4"}, "", false, 640, -1, "--mp4"},
   };
   for (const auto& c : cases) {
     std::vector<const char*> argv{"pelvane"};
@@ -41,7 +41,7 @@ TEST(CommandLine, Table) {
 TEST(CommandLine, SchemeDispatch) {
   const std::pair<const char*, source_scheme> cases[] = {
       {"rtsp://10.0.0.1/live", scheme_rtsp}, {"rtmps://h/app", scheme_relayed}, {"tcp://127.0.0.1:9", scheme_relayed},
-      {"RTMP://h/app", scheme_refused},      {"rtsp:/h", scheme_refused},       {"rtmpt://h/app", scheme_refused},
+      {"RTMP://h/app", scheme_refused},      {"rtsp:/h", scheme_refused},       {"rtmpt://h/app", scheme_refused}, {"https://h/a.mkv", scheme_relayed},
   };
   for (const auto& [url, want] : cases) EXPECT_EQ(classify_source_url(url), want) << url;
 }
@@ -57,6 +57,7 @@ TEST(StreamChoice, Video) {
       {"one pixel under: the next", two, 1279, -1, 1},
       {"limit 17: smallest", two, 17, -1, 1},
       {"limit 16: no video", two, -1, 16, -1},
+      {"width limit 16: no video", two, 16, -1, -1},
       {"taller wins at equal width", {video(1280, 720), video(1280, 1080)}, -1, -1, 1},
       {"HEVC is not relayed", {video(1920, 1080, AV_CODEC_ID_HEVC)}, -1, -1, -1},
       {"no parameters, no size: skipped",

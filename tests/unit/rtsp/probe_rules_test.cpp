@@ -24,8 +24,8 @@ TEST(ProbeRules, DescriptionToDestination) {
   // "" when there is none
   const struct { const char* name; std::vector<std::string> lines; const char* destination; } cases[] = {
       {"multicast", {c, ts}, "239.1.2.3:5004"},
-      {"the later c= wins; a media c= is not read", {"c=IN IP4 1.2.3.4", c, ts, "c=IN IP4 9.9.9.9"}, "239.1.2.3:5004"},
-      {"first section with 33", {c, "m=video 5000 RTP/AVP 96", "m=video 5008/2 RTP/AVP 33"}, "239.1.2.3:5008"},
+      {"the later c= wins, past other lines; a media c= is not read", {"c=IN IP4 1.2.3.4", "", "x", c, ts, "c=IN IP4 9.9.9.9"}, "239.1.2.3:5004"},
+      {"first section whose first format is 33", {c, "m=video 5000 RTP/AVP 96 33", "m=video 5008/2 RTP/AVP 33 96"}, "239.1.2.3:5008"},
       {"port beyond 16 bits wraps", {c, "m=video 70000 RTP/AVP 33"}, "239.1.2.3:4464"},
       {"a NUL ends a line", {std::string("c=IN IP4 10.0.0.9\0/64", 21), ts}, "10.0.0.9:5004"},
       {"TTL suffix", {c + "/16", ts}, ""},
@@ -51,6 +51,4 @@ TEST(ProbeRules, TransportAndServerAddress) {
     EXPECT_FALSE(server_address_from_url(refused, server)) << refused;
 }
 
-// Among every descriptor of the process, only an IPv4 connection to the server
-// counts: AF_UNIX and IPv6 sockets read as IPv4 once matched 0.0.0.0.
 }  // namespace
