@@ -102,7 +102,7 @@ head -n1 "$demo/captions.json" | cut -c1-400 | sed 's/^/   | /'
 show_output "$demo/captions.ts" 0
 
 section "Captions from an HLS channel's WebVTT subtitle rendition, which FFmpeg's HLS reader skips"
-channel=$(cd "$top/tests/integration" && "$py" -c 'import harness, test_hls_captions; print(harness.media_path("hls_channel"))')
+channel=$(cd "$top/tests/integration" && "$py" -c 'import harness, test_hls_captions; print(harness.media_path("hls_test_channel"))')
 start_peer hls "$peers" http --media "$channel/master.m3u8"
 url=$(head -n1 "$demo/hls.url")
 echo "-- the master playlist (video and audio segmented by the ffmpeg tool, stamps from 1000 s):"

@@ -9,6 +9,7 @@ import subprocess
 import sys
 import time
 import unittest
+import xml.etree.ElementTree
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import harness  # noqa: E402
@@ -23,6 +24,7 @@ LIST = """#EXTM3U
 {base}/bulk.ts
 udp://239.0.0.1:1234
 """
+NAME, UPNP = 'Den&<Co>', 'urn:schemas-upnp-org:device-1-0'  # a tuner name that needs escaping
 WANT = {'7': ['mp2', 'mpeg2video'], '8': ['mp2'], '3': ['mp2', 'mpeg2video']}  # channel 8's options ask for no video
 
 
@@ -53,7 +55,7 @@ class Channels(unittest.TestCase):
         with peers.HttpPeer(os.path.dirname(harness.media_path('bulk.ts'))) as source:
             listed = harness.write_file(harness.scratch('channels.m3u'), LIST.format(base=source.url('')[:-1]).encode())
             for kind, port in (('socket-activate', harness.free_port()), ('socat', harness.free_port())):
-                front = harness.front_end(kind, port, [harness.CHANNELS_BIN, listed])
+                front = harness.front_end(kind, port, [harness.CHANNELS_BIN, '--name', NAME, listed])
                 here = 'http://127.0.0.1:%d' % port
                 # The list for an M3U tuner, every address pointing at the Host the client asked.
                 m3u = curl(here + '/channels.m3u', '-H', 'Host: tuner.test:8080').decode().splitlines()
@@ -62,6 +64,8 @@ class Channels(unittest.TestCase):
                 # The network tuner's description and lineup.
                 discover = json.loads(curl(here + '/discover.json'))
                 self.assertEqual((discover['BaseURL'], discover['LineupURL']), (here, here + '/lineup.json'))
+                device = xml.etree.ElementTree.fromstring(curl(here + '/device.xml'))
+                self.assertEqual((discover['FriendlyName'], device.findtext('.//{%s}friendlyName' % UPNP)), (NAME, NAME))
                 lineup = json.loads(curl(discover['LineupURL']))
                 self.assertEqual([(c['GuideNumber'], c['GuideName'], c['URL']) for c in lineup],
                                  [('7', 'News', here + '/auto/v7'), ('8', 'Radio', here + '/auto/v8'),

@@ -55,7 +55,7 @@ video.m3u8
 '''
 MASTER_VARIANTS = '''#EXTM3U
 #EXT-X-MEDIA:TYPE=SUBTITLES,GROUP-ID="subs",NAME="Deutsch",LANGUAGE="de",DEFAULT=YES,URI="subs_de.m3u8"
-#EXT-X-MEDIA:TYPE=SUBTITLES,GROUP-ID="hi",NAME="English",LANGUAGE="en",DEFAULT=YES,URI="en/subs.m3u8"
+#EXT-X-MEDIA:TYPE=SUBTITLES,GROUP-ID="hi",NAME="English",LANGUAGE="en",DEFAULT=YES,URI="hop/en/subs.m3u8"
 #EXT-X-STREAM-INF:BANDWIDTH=300000,RESOLUTION=320x180,SUBTITLES="hi"
 video.m3u8
 #EXT-X-STREAM-INF:BANDWIDTH=200000,RESOLUTION=320x180,SUBTITLES="subs"
@@ -90,10 +90,10 @@ def make_channel(out):
     harness.write_file(at('first_pts'), str(first_90k).encode())
 
 
-harness.register_media('hls_channel', make_channel)
+harness.register_media('hls_test_channel', make_channel)
 
 
-# The channel's files over HTTP(S); /hop/<master> redirects to /<master> (nothing else is under
+# The channel's files over HTTP(S); /hop/<playlist> redirects to /<playlist> (nothing else is under
 # /hop/). Live, a media playlist is the window of its last 4 published segments: 4 published at the
 # start, one more every second.
 def channel_peer(directory, live=False, tls=False):
@@ -103,7 +103,7 @@ def channel_peer(directory, live=False, tls=False):
         def do_GET(self):
             path = self.path.lstrip('/')
             if path.startswith('hop/'):
-                self.send_response(302 if 'master' in path else 404)
+                self.send_response(302 if path.endswith('.m3u8') else 404)
                 self.send_header('Location', '/' + path[4:]), self.end_headers()
             elif live and path.endswith('.m3u8') and 'master' not in path:
                 uris = re.findall(r'^[^#\n].*$', harness.read_file(os.path.join(directory, path), True), re.M)
@@ -131,7 +131,7 @@ class HlsCaptions(harness.RelayChecks):
 
     @classmethod
     def setUpClass(cls):
-        cls.channel = harness.media_path('hls_channel')
+        cls.channel = harness.media_path('hls_test_channel')
         cls.first_ms = int(harness.read_file(os.path.join(cls.channel, 'first_pts'))) / 90
 
     # Relays `url`, checks the relay and moves the captions into the video: (run, events, a53 path).
@@ -171,7 +171,7 @@ class HlsCaptions(harness.RelayChecks):
     def test_finished_channel_over_https_through_a_redirect(self):
         with channel_peer(self.channel, tls=True) as server:
             run, events, a53 = self.relay(['--url', server.url('hop/master_variants.m3u8')], 'hls-finished')
-        self.assertIn('Found VTT rendition. Name "English", language "en": %s\n' % server.url('en/subs.m3u8'),
+        self.assertIn('Found VTT rendition. Name "English", language "en": %s\n' % server.url('hop/en/subs.m3u8'),
                       run.stderr, run.describe())
         self.assertNotIn('Did not find VTT stream', run.stderr)
         self.assertNotIn('Subtitle rendition', run.stderr)

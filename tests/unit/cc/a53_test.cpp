@@ -5,10 +5,10 @@
 
 namespace {
 
-const bytes sei_with_03 = hex_bytes("00 00 00 01 06 04 11 B5 00 31 \"GA94\" 03 C2 FF FA 00 00 03 01 00 00 FF 80");
+const bytes sei_with_03 = hex_bytes("00 00 00 01 06 04 11 B5 00 31 \"GA94\" 03 C2 FF FA 00 00 03 03 00 00 FF 80");
 
 TEST(A53, H264SeiBeforeFirstSlice) {
-  const std::vector<cc_triplet> t = {{0xFA, 0x00, 0x00}, {0x01, 0x00, 0x00}};  // 00 00 01 inside: escaped
+  const std::vector<cc_triplet> t = {{0xFA, 0x00, 0x00}, {0x03, 0x00, 0x00}};  // 00 00 03 inside: escaped
   // The access unit and where the SEI goes (SIZE_MAX: unchanged).
   const struct { const char* name; const char* au; size_t at; } cases[] = {
       {"after AUD, SPS and SEI", "00 00 00 01 09 F0 00 00 00 01 67 AA 00 00 01 06 05 80 00 00 01 65 88", 18},

@@ -13,6 +13,7 @@ TEST(CcOutput, JsonEscapesArbitraryBytes) {
       {"stray byte", "a\xff", R"("a\ufffd")"},
       {"surrogate", "\xed\xa0\x80", R"("\ufffd\ufffd\ufffd")"},
       {"cut sequence", "\xe2\x99", R"("\ufffd\ufffd")"},
+      {"overlong", "\xc0\xaf", R"("\ufffd\ufffd")"},
   };
   for (const auto& c : cases) EXPECT_EQ(json_string(c.in), c.out) << c.name;
 }

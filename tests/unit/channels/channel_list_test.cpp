@@ -42,7 +42,7 @@ TEST(ChannelList, Reading) {
       {"#EXTINF without a URL, twice", "#EXTINF:-1,A\n#EXTINF:-1,B\nhttp://h/b\n#EXTINF:-1,C\n", "1|B|http://h/b\n2 problems"},
       {"pelvane options kept", "#EXTINF:-1 pelvane-options=\" --hls  -w 1280 ---mp4 -h 0\",A\nhttp://h/a\n",
        "1|A|http://h/a --hls -w 1280 --mp4 -h 0 (mp4)\n0 problems"},
-      {"pelvane options refused", "#EXTINF:-1 pelvane-options=\"--url x\",A\nhttp://a\n#EXTINF:-1 pelvane-options=\"-w\",B\nhttp://b\n"
+      {"pelvane options refused", "#EXTINF:-1 pelvane-options=\"--hls --url\",A\nhttp://a\n#EXTINF:-1 pelvane-options=\"-w\",B\nhttp://b\n"
        "#EXTINF:-1 pelvane-options=\"-w 123456\",C\nhttp://c\n#EXTINF:-1 pelvane-options=hls,D\nhttp://d\n"
        "#EXTINF:-1 pelvane-options=\"--mime-type\",E\nhttp://e\n#EXTINF:-1 pelvane-options=\"-h -1\",F\nhttp://f\n",
        "6 problems"},
