@@ -95,10 +95,8 @@ class Channels(unittest.TestCase):
         port = harness.free_port()
         front = harness.front_end('socket-activate', port, [harness.CHANNELS_BIN, '--pelvane', recorder, listed])
         cases = [  # name, bytes sent, whether the client then ends its side, status line
-            ('garbage', b'\x16\x03\x01\x00\xa5garbage\r\n\r\n', False, '400 Bad Request'),
             ('POST', b'POST /channels.m3u HTTP/1.1\r\nHost: t\r\nContent-Length: 5\r\n\r\nhello', False,
              '405 Method Not Allowed'),
-            ('unknown channel', b'GET /channel/99 HTTP/1.1\r\nHost: t\r\n\r\n', False, '404 Not Found'),
             ('20 KiB header', b'GET /channel/7 HTTP/1.1\r\nX-Big: ' + b'x' * 20480 + b'\r\n\r\n', False,
              '431 Request Header Fields Too Large'),
             ('10 KiB target', b'GET /channel/7?' + b'x' * 10240 + b' HTTP/1.1\r\n\r\n', False, '414 URI Too Long'),

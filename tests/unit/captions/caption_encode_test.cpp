@@ -18,18 +18,6 @@ bytes payload_of(const VPVTTEvent& ev, const caption_payload_keep& keep = captio
   return bytes(buf.begin(), buf.begin() + static_cast<long>(n));
 }
 
-TEST(CaptionEncode, PayloadLayout) {
-  VPVTTEvent ev = make_event(1000, 3000, std::string("Hi\0cut", 6));
-  ev.identifier = "c1";
-  ev.settings = {{"line", "90%"}, {"align", "start"}};
-  ev.cc608 = {{934, eia608_pair{{0x94, 0x20}}}, {967, eia608_pair{{0x94, 0x20}}}};
-  ev.cc708 = {{1001, {q7ro_cea708_word{0xFF, 0x4222}, q7ro_cea708_word{0xFE, 0x8901}}}};
-  EXPECT_EQ(payload_of(ev), hex_bytes("E8 03 00 00 00 00 00 00  B8 0B 00 00 00 00 00 00  \"c1\" 00"
-                                      "\"align:start line:90%\" 00  \"Hi\" 00"
-                                      "42 00  00 00 94 20  21 00 94 20  00 00 00 00"
-                                      "00 00  01 00 FF 22 42  00 00 FE 01 89  00 00 00 00 00"));
-}
-
 // 50 bytes besides the text: 32 fixed, two 608 entries (EOC, EDM), one DTVCC packet of two words.
 // An oversize event loses whole maps, 708 first, before its text; entry times read back exact,
 // for a cue that starts before 0 too.

@@ -38,36 +38,6 @@ TEST(A53, CcCountOfTheFrameRate) {
   for (const auto& c : cases) EXPECT_EQ(a53_cc_count(c.num, c.den), c.cc_count) << c.num << "/" << c.den;
 }
 
-TEST(A53, PicturesTakeDueTripletsInPresentationOrder) {
-  // Queued: due time and triplet. Pictures in decode order: decode time and pts. Then data1 of
-  // the caption triplets (not the padding) each picture carries, in the order written.
-  struct picture { int64_t time, pts; };
-  const struct { const char* name; size_t cc_count; std::vector<std::pair<int64_t, cc_triplet>> queued;
-                 std::vector<picture> pictures; std::vector<bytes> carried; } cases[] = {
-      {"never early", 20, {{100, {0xFC, 1}}}, {{0, 99}, {1, 100}}, {{}, {1}}},
-      {"608 first, each kind in due order; what does not fit waits", 4,
-       {{10, {0xFF, 1}}, {50, {0xFC, 2}}, {20, {0xFE, 4}}, {50, {0xFC, 3}}, {20, {0xFE, 5}}},
-       {{0, 60}, {1, 70}}, {{2, 3, 1}, {4, 5}}},
-      {"each by its own time", 20, {{20, {0xFC, 1}}, {30, {0xFC, 2}}}, {{0, 10}, {1, 30}, {2, 20}}, {{}, {2}, {1}}},
-      {"a picture shown earlier but written later comes first", 3,
-       {{10, {0xFC, 1}}, {10, {0xFC, 2}}, {10, {0xFC, 3}}, {20, {0xFC, 4}}, {30, {0xFC, 5}}},
-       {{0, 10}, {1, 30}, {2, 20}}, {{1, 2}, {5}, {3, 4}}},
-  };
-  for (const auto& c : cases) {
-    a53_queue q;
-    for (const auto& [due, t] : c.queued) (t.header == 0xFC ? q.field1 : q.dtvcc).emplace(due, t);
-    a53_hold h;
-    for (const picture& p : c.pictures) a53_hold_add(h, {nullptr, p.time, p.pts, 0, {}});
-    for (const bytes& want : c.carried) {
-      const a53_picture p = a53_hold_take_oldest(h, q, c.cc_count);
-      bytes got;
-      for (const cc_triplet& t : p.cc)
-        if (t.header == 0xFF || t.header == 0xFE || (t.header == 0xFC && t.data1 != 0x80)) got.push_back(t.data1);
-      EXPECT_EQ(std::make_pair(p.cc.size(), got), std::make_pair(c.cc_count, want)) << c.name << ", pts " << p.pts;
-    }
-  }
-}
-
 TEST(A53, HoldBoundedWhateverTheTimes) {
   const struct { const char* name; int64_t step; size_t bytes, most; } cases[] = {
       {"25 pictures a second: 3 s", 3600, 100, 76},

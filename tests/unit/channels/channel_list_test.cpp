@@ -50,19 +50,4 @@ TEST(ChannelList, Reading) {
   for (const auto& c : cases) EXPECT_EQ(summary(read_channel_list(c.text)), c.want) << c.name;
 }
 
-// What a client reads back from the list written for it: the same channels,
-// numbers and attributes, each URL pointing at this server.
-TEST(ChannelList, WrittenListReadsBack) {
-  const channel_list list = read_channel_list(
-      "#EXTM3U\n#EXTINF:abc tvg-id=x group-title=\"A, B\" pelvane-options=--hls,Title, more\nhttp://h/a\n"
-      "#EXTINF:-1 tvg-chno=\"9\" tvg-logo=\"http://l/9.png\"\nrtmp://h/b\nhttps://h/c\n");
-  const std::string written = write_channel_list(list, "http://tv.local:5004");
-  EXPECT_EQ(written.substr(0, written.find('\n', 8) + 1),
-            "#EXTM3U\n#EXTINF:-1 tvg-chno=\"1\" tvg-id=\"x\" group-title=\"A, B\",Title, more\n");
-  EXPECT_EQ(summary(read_channel_list(written)),
-            "1|Title, more|http://tv.local:5004/channel/1|tvg-id=x|group-title=A, B\n"
-            "9|Channel 9|http://tv.local:5004/channel/9|tvg-logo=http://l/9.png\n"
-            "3|Channel 3|http://tv.local:5004/channel/3\n0 problems");
-}
-
 }  // namespace

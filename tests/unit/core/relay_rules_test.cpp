@@ -38,14 +38,6 @@ TEST(CommandLine, Table) {
   }
 }
 
-TEST(CommandLine, SchemeDispatch) {
-  const std::pair<const char*, source_scheme> cases[] = {
-      {"rtsp://10.0.0.1/live", scheme_rtsp}, {"rtmps://h/app", scheme_relayed}, {"tcp://127.0.0.1:9", scheme_relayed},
-      {"RTMP://h/app", scheme_refused},      {"rtsp:/h", scheme_refused},       {"rtmpt://h/app", scheme_refused}, {"https://h/a.mkv", scheme_relayed},
-  };
-  for (const auto& [url, want] : cases) EXPECT_EQ(classify_source_url(url), want) << url;
-}
-
 stream_desc video(int w, int h, int codec = AV_CODEC_ID_H264) { return {AVMEDIA_TYPE_VIDEO, codec, w, h}; }
 stream_desc audio(int rate, int codec = AV_CODEC_ID_AAC) { return {AVMEDIA_TYPE_AUDIO, codec, 0, 0, rate}; }
 stream_desc subtitle(int codec, bool params = true) { return {AVMEDIA_TYPE_SUBTITLE, codec, 0, 0, 0, params}; }

@@ -20,18 +20,6 @@ std::vector<uint8_t> ts_packets(size_t count, uint8_t fill) {
   return v;
 }
 
-TEST(SpliceTest, WholePackets) {
-  const std::vector<uint8_t> two = ts_packets(2, 0);
-  std::vector<uint8_t> off = two, big(4096, 0x47);
-  off[188] = 0x48;
-  const struct { const char* name; const uint8_t* buf; size_t n; bool want; } cases[] = {
-      {"empty write", two.data(), 0, true},        {"two packets", two.data(), 376, true},
-      {"second sync byte wrong", off.data(), 376, false}, {"one byte short", two.data(), 375, false},
-      {"one packet and a byte", big.data(), 189, false},  {"full AVIO buffer", big.data(), 4096, false},
-  };
-  for (const auto& c : cases) EXPECT_EQ(is_whole_ts_packets(c.buf, c.n), c.want) << c.name;
-}
-
 // Muxer calls as the relay makes them, five events queued. An event goes in
 // front of a write of whole packets; a call that has none (a picture larger
 // than the AVIO buffer: pieces that are not whole packets) takes one after its
