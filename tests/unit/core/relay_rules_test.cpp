@@ -84,7 +84,7 @@ TEST(StreamChoice, Audio) {
                         subtitle(AV_CODEC_ID_WEBVTT)}), 3);
 }
 
-constexpr int64_t none = AV_NOPTS_VALUE, top = INT64_MAX, far = int64_t{1} << 62;
+constexpr int64_t none = AV_NOPTS_VALUE, top = INT64_MAX;
 struct pkt { int64_t pts, dts; bool key; };
 struct out { bool written; int64_t pts, dts; };
 struct sequence_case { const char* name; bool audio; std::vector<pkt> in; std::vector<out> want; };
@@ -100,15 +100,10 @@ TEST(StampRepair, Sequences) {
       {"audio without stamps gets synthetic ones 1920 apart", true,
        {{5000, 5000, true}, {none, none, false}, {4000, 4000, true}},
        {{true, 5000, 5000}, {true, 6920, 6920}, {true, 6921, 6921}}},
-      // Stamps whose repair would not fit in 64 bits: that packet is dropped, the state kept.
-      {"a jump from 2^62 to -2^62 is bridged, pts-dts kept", false, {{far, far, true}, {5 - far, -far, false}},
-       {{true, far, far}, {true, far + 6, far + 1}}},
+      // Stamps whose repair would not fit in 64 bits: that packet is dropped, the state kept (the fuzz
+      // target holds the rest of the range, under the sanitizers).
       {"no dts after the largest one", false, {{top, top - 1, true}, {top, top - 1, false}, {0, top, false}},
        {{true, top, top - 1}, {false, 0, 0}, {true, 0, top}}},
-      {"moved pts past the largest", false, {{0, 0, true}, {top, -5, false}, {3, 1, false}},
-       {{true, 0, 0}, {false, 0, 0}, {true, 3, 1}}},
-      {"no synthetic stamp past the largest", true, {{top - 1000, top - 1000, true}, {none, none, false}},
-       {{true, top - 1000, top - 1000}, {false, 0, 0}}},
   };
   for (const sequence_case& c : cases) {
     stamp_state st;
