@@ -44,7 +44,7 @@ ffmpeg -nostdin -v error -f lavfi -i testsrc=size=640x360:rate=25 -f lavfi -i si
   -t 16 -c:v libx264 -preset veryfast -g 25 -bf 0 -pix_fmt yuv420p -c:a aac -b:a 64k "$work/video.mkv"
 ffmpeg -nostdin -v error -i "$work/video.mkv" -i "$work/cue.vtt" -map 0 -map 1 -c copy "$work/source.mkv"
 
-/usr/bin/python3 "$top/tests/integration/peers.py" http --media "$work/source.mkv" >"$work/url" 2>"$work/peer.log" &
+/usr/bin/python3 "$top/scripts/serve-media.py" http --media "$work/source.mkv" >"$work/url" 2>"$work/peer.log" &
 pids+=($!)
 for _ in $(seq 100); do [ -s "$work/url" ] && break; sleep 0.1; done
 url=$(head -n1 "$work/url")

@@ -8,7 +8,7 @@ bin=$build/v2/pelvane
 cc_bin=$build/v2/pelvane-cc
 demo=$top/build/demo
 py=/usr/bin/python3
-peers=$top/tests/integration/peers.py
+serve=$top/scripts/serve-media.py
 export PELVANE_MEDIA=$top/build/media PELVANE_WORK=$demo/work
 mkdir -p "$demo" "$PELVANE_WORK"
 
@@ -58,7 +58,7 @@ show_output() {  # FILE HEAD_BYTES
 }
 
 section "HTTP source: Matroska with H.264 and AAC, relayed with --mime-type"
-start_peer http "$peers" http
+start_peer http "$serve" http
 url=$(head -n1 "$demo/http.url")
 echo "\$ pelvane --mime-type --url $url"
 "$bin" --mime-type --url "$url" >"$demo/http.ts" 2>"$demo/http.err" || true
@@ -67,7 +67,7 @@ grep -v '^    ' "$demo/http.err" | sed 's/^/   | /'
 show_output "$demo/http.ts" 42
 
 section "RTMP source: nginx with its RTMP module, fed in real time by the ffmpeg tool"
-start_peer rtmp "$peers" rtmp
+start_peer rtmp "$serve" rtmp
 url=$(head -n1 "$demo/rtmp.url")
 echo "\$ pelvane --url $url   (stopped with SIGINT after 6 seconds)"
 timeout -s INT 6 "$bin" --url "$url" >"$demo/rtmp.ts" 2>"$demo/rtmp.err" || true
@@ -90,7 +90,7 @@ print(" ".join(out[:12]) + (" ..." if len(out) > 12 else ""))' "$demo/rtmp.mp4.b
 
 section "Captions: Matroska with H.264, AAC and a WebVTT track (cue identifiers and settings)"
 vtt_mkv=$(cd "$top/tests/integration" && "$py" -c 'import harness; print(harness.media_path("h264_aac_vtt.mkv"))')
-start_peer captions "$peers" http --media "$vtt_mkv"
+start_peer captions "$serve" http --media "$vtt_mkv"
 url=$(head -n1 "$demo/captions.url")
 echo "-- the cues in the source:"
 ffmpeg -nostdin -v error -i "$vtt_mkv" -map 0:s:0 -c:s copy -f webvtt - | sed 's/^/   | /'
@@ -103,7 +103,7 @@ show_output "$demo/captions.ts" 0
 
 section "Captions from an HLS channel's WebVTT subtitle rendition, which FFmpeg's HLS reader skips"
 channel=$(cd "$top/tests/integration" && "$py" -c 'import harness, test_hls_captions; print(harness.media_path("hls_test_channel"))')
-start_peer hls "$peers" http --media "$channel/master.m3u8"
+start_peer hls "$serve" http --media "$channel/master.m3u8"
 url=$(head -n1 "$demo/hls.url")
 echo "-- the master playlist (video and audio segmented by the ffmpeg tool, stamps from 1000 s):"
 sed 's/^/   | /' "$channel/master.m3u8"
@@ -122,7 +122,7 @@ section "RTSP server whose video is MPEG-TS over RTP: pelvane answers with a red
 if [ "$(id -u)" = 0 ] && ! ss -Hltn 'sport = :554' | grep -q .; then
   # The answer needs the server address without a port, so the scripted
   # server listens on the standard RTSP port.
-  start_peer rtsp "$top/tests/integration/rtsp_peer.py" --host 127.0.0.1 --port 554 --answer mcast
+  start_peer rtsp "$serve" rtsp
   url=$(head -n1 "$demo/rtsp.url")
   echo "\$ pelvane --url $url"
   status=0

@@ -123,6 +123,21 @@ def relays_in(session):
     return [line for line in ps.splitlines() if line.split()[1:] == ['pelvane'] and not line.startswith('Z')]
 
 
+# Clients of `urls` at once through a front end, each holding a relay of its own, each read for n
+# bytes with curl: per client, (the head it got, the codecs ffprobe finds after it).
+def clients_at_once(front, urls, n, tag):
+    curls = [subprocess.Popen([need('curl', 'curl'), '-sS', '-N', '-i', '--max-time', '30', url],
+                              stdout=subprocess.PIPE) for url in urls]
+    assert wait_for(lambda: len(relays_in(front.pid)) == len(urls), 10), 'not one relay per client: %s' % tag
+    got = []
+    for k, curl in enumerate(curls):
+        data = curl.stdout.read(n)
+        curl.kill(), curl.wait(), curl.stdout.close()
+        path = write_file(scratch('%s-%d.ts' % (tag, k)), data[len(MIME_HEAD_TS):])
+        got.append((data[:len(MIME_HEAD_TS)], codecs(path)))
+    return got
+
+
 def stop_all():
     [p.stop() for p in list(_live)]
 

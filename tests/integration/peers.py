@@ -1,14 +1,11 @@
-#!/usr/bin/python3
 # Real sources on 127.0.0.1 as context managers: HttpPeer (HTTP, or HTTPS with a throwaway
 # certificate), RtmpPeer (nginx's RTMP module fed by the ffmpeg tool; RTMPS through nginx's stream
-# module), ListenerPeer (the ffmpeg tool as a live single-client server). Standalone (the demo):
-# peers.py <http|rtmp> [--media FILE] prints its URL and serves until SIGTERM.
+# module), ListenerPeer (the ffmpeg tool as a live single-client server).
 
 import fcntl
 import functools
 import http.server
 import os
-import signal
 import ssl
 import subprocess
 import sys
@@ -125,11 +122,3 @@ class ListenerPeer:
     def __exit__(self, *exc):
         self.proc.stop()
 
-
-if __name__ == '__main__':
-    kind, media = sys.argv[1], os.path.abspath(sys.argv[3]) if len(sys.argv) > 3 else harness.media_path('h264_aac.mkv')
-    stop = threading.Event()
-    [signal.signal(sig, lambda *_: stop.set()) for sig in (signal.SIGTERM, signal.SIGINT)]
-    with HttpPeer(os.path.dirname(media)) if kind == 'http' else RtmpPeer(media) as peer:
-        print(peer.url(os.path.basename(media)) if kind == 'http' else peer.url, flush=True)
-        stop.wait()

@@ -1,5 +1,4 @@
-#!/usr/bin/python3
-# Scripted server for what no real RTSP server does, one mode per run:
+# Scripted server for what no real RTSP server does, one mode per server (the demo uses mcast):
 #   mcast     canned OPTIONS/DESCRIBE/SETUP answers for MPEG-TS over RTP to 239.255.0.1:5000
 #   garbage   2 MiB of fixed random bytes as soon as a client connects (any scheme), then close
 #   silent    accepts and never says a word
@@ -8,11 +7,7 @@
 #   trickle   as mcast, with the description's body sent at 4 bytes a second
 # and for HTTP (tests only): http-trickle, 64 KiB of MPEG-TS null packets, then a byte every
 # 10 s; http-slow, null packets at 2 KB/s for 35 s, then the server's media file.
-# Usage: rtsp_peer.py [--host H] [--port P] [--answer MODE]; prints its URL once it listens
-# (without the port when it is 554, as a redirect needs).
 
-import argparse
-import contextlib
 import random
 import socketserver
 import time
@@ -77,15 +72,3 @@ class Peer(socketserver.ThreadingMixIn, socketserver.TCPServer):
         super().__init__(address, Handler)
         self.mode, self.media = mode, media
 
-
-if __name__ == '__main__':
-    ap = argparse.ArgumentParser()
-    ap.add_argument('--host', default='127.0.0.1')
-    ap.add_argument('--port', type=int, default=554)
-    ap.add_argument('--answer', default='mcast', choices=['mcast', 'garbage', 'silent', 'megabyte', 'huge'])
-    a = ap.parse_args()
-    with Peer((a.host, a.port), a.answer) as peer:
-        port = peer.server_address[1]
-        print('rtsp://%s/%s' % (a.host if port == 554 else '%s:%d' % (a.host, port), a.answer), flush=True)
-        with contextlib.suppress(KeyboardInterrupt):
-            peer.serve_forever()

@@ -37,16 +37,9 @@ class Serve(unittest.TestCase):
                     log_path=harness.scratch(kind + '.log'))
                 self.assertTrue(harness.wait_listen(port, 10, front), front.log_text())
                 client = 'http://127.0.0.1:%d/' % port
-                # Two clients at once, each with its own relay, each read for 1 MB.
-                curls = [subprocess.Popen([need('curl', 'curl'), '-sS', '-N', '-i', '--max-time', '30', client],
-                                          stdout=subprocess.PIPE) for _ in range(2)]
-                self.assertTrue(harness.wait_for(lambda: len(relays_in(front.pid)) == 2, 10), kind)
-                for n, curl in enumerate(curls):
-                    data, head = curl.stdout.read(1 << 20), harness.MIME_HEAD_TS
-                    curl.kill(), curl.wait(), curl.stdout.close()
-                    # The exact head, then transport packets of both streams.
-                    path = harness.write_file(harness.scratch('%s-%d.ts' % (kind, n)), data[len(head):])
-                    self.assertEqual((data[:len(head)], codecs(path)), (head, ['mp2', 'mpeg2video']), kind)
+                # Two clients at once, each read for 1 MB: the exact head, then transport packets of both streams.
+                self.assertEqual(harness.clients_at_once(front, [client] * 2, 1 << 20, kind),
+                                 [(harness.MIME_HEAD_TS, ['mp2', 'mpeg2video'])] * 2)
                 # A client that hangs up ends its relay at once (SIGPIPE); ffprobe is a client too.
                 self.assertTrue(harness.wait_for(lambda: not relays_in(front.pid), 2.0), kind)
                 self.assertEqual(codecs(client), ['mp2', 'mpeg2video'], kind)

@@ -56,24 +56,4 @@ TEST(CaptionEncode, CutsAndEntryTimes) {
   }
 }
 
-// pelvane-cc's reader over two encoded events: a counter going from 15 to 0 is
-// in order; non-zero padding and a skipped counter are reported.
-TEST(CaptionEncode, ReaderChecksPackets) {
-  const struct { const char* name; size_t at; uint8_t value; std::vector<std::string> problems; } cases[] = {
-      {"clean", 0, 0x47, {}},
-      {"padding", 187, 1, {"non-zero padding after a caption event"}},
-      {"a counter skipped", 188 + 3, 0x12, {"caption continuity counter 2, expected 0"}},
-  };
-  for (const auto& c : cases) {
-    vtt_ts_continuity = 15;
-    bytes s = encode(make_event(0, 1, "a")), second = encode(make_event(1, 2, "b"));
-    s.insert(s.end(), second.begin(), second.end());
-    s[c.at] = c.value;
-    caption_stream_reader r;
-    caption_read_output out;
-    for (size_t i = 0; i < s.size(); i += 188) caption_reader_take(r, &s[i], out);
-    EXPECT_EQ(std::make_pair(out.problems, out.events.size()), std::make_pair(c.problems, size_t{2})) << c.name;
-  }
-}
-
 }  // namespace

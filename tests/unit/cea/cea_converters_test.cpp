@@ -293,25 +293,4 @@ void check_target(bool cea708) {
 TEST(CeaConverters, Cea608AsTheDecoderShowsIt) { check_target(false); }
 TEST(CeaConverters, Cea708AsTheDtvccReaderShowsIt) { check_target(true); }
 
-// When a CEA-608 caption shows and goes (ms, -1: dropped) after the one before it.
-TEST(CeaConverters, Cea608CrossCueRules) {
-  const struct { const char* name; std::vector<std::array<int64_t, 4>> cues; } cases[] = {
-      {"overlap without display time left is dropped", {{1000, 3000, 1001, 3003}, {2000, 3050, -1, -1}, {4000, 5000, 4004, 5005}}},
-      {"starts before 0: loaded from frame 0, shown right after", {{-5000, 2000, 300, 2002}}},
-      {"entirely before 0 is dropped", {{-5000, -1000, -1, -1}}},
-      {"a clock gone back two minutes starts afresh", {{200000, 202000, 200000, 202002}, {80000, 82000, 80013, 82015}}},
-  };
-  for (const auto& c : cases) {
-    WebVTTConvContext_v1 ctx = webvtt_conv_context_start();
-    std::vector<std::string> unused;
-    for (const auto& [start, end, shown, gone] : c.cues) {
-      const vtt_cue_map m = {{std::chrono::milliseconds(start), {std::chrono::milliseconds(start), std::chrono::milliseconds(end), "", {}, "Hi"}}};
-      cc608_map out;
-      WebVTTTo608(out, {1000, 1}, false, {}, m.begin(), m.end(), 1, ctx);
-      const std::vector<caption> got = read_608(out, unused);
-      EXPECT_EQ(got.empty() ? std::make_pair(-1L, -1L) : std::make_pair(got[0].start, got[0].end), std::make_pair(shown, gone)) << c.name << ", cue at " << start;
-    }
-  }
-}
-
 }  // namespace

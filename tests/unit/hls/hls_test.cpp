@@ -78,30 +78,4 @@ TEST(WebvttSegment, TimestampMapAndCueTimes) {
   }
 }
 
-TEST(WebvttSegment, CuesWithIdentifiersAndSettings) {
-  const webvtt_segment s = parse_webvtt_segment(
-      "WEBVTT - live\nX-TIMESTAMP-MAP=MPEGTS:180000,LOCAL:00:00:10.000\n\nNOTE a note\nand more\n\n"
-      "STYLE\n::cue { color: red }\n\nid 1\n00:00:01.000 --> 00:00:02.500 align:start  line:0 \n<i>one</i>\ntwo\n"
-      "00:03.000-->00:04.000\nno blank line before\n\n00:05.000 --> 00:04.000\nends before it starts\n\n"
-      "00:05.000 --> 00:06.0000\nbad timing\n\n00:07.000 --> 00:08.000\r\n\r\n100:00:00.000 --> 100:00:01.000\nlast");
-  ASSERT_TRUE(s.valid && !s.bad_map);
-  EXPECT_EQ(std::tie(s.map.mpegts, s.map.local_ms), std::make_tuple(180000, 10000));
-  ASSERT_EQ(s.cues.size(), 4u);
-  EXPECT_EQ(std::tie(s.cues[0].identifier, s.cues[0].start_ms, s.cues[0].end_ms, s.cues[0].settings, s.cues[0].text),
-            std::make_tuple("id 1", 1000, 2500, "align:start  line:0", "<i>one</i>\ntwo"));
-  EXPECT_EQ(std::tie(s.cues[1].start_ms, s.cues[1].text), std::make_tuple(3000, "no blank line before"));
-  EXPECT_EQ(std::tie(s.cues[2].start_ms, s.cues[2].text), std::make_tuple(7000, ""));
-  EXPECT_EQ(s.cues[3].end_ms, 360001000);
-  EXPECT_TRUE(parse_webvtt_segment("WEBVTT\nX-TIMESTAMP-MAP=MPEGTS:1\n").bad_map);
-  EXPECT_FALSE(parse_webvtt_segment("WEBVTTX\n").valid);
-}
-
-TEST(WebvttSegment, RepeatedCuesAreSeenOnceAndForgottenAtTheBound) {
-  cue_memory m;
-  EXPECT_TRUE(first_sighting(m, 90, 1000, "a") && !first_sighting(m, 90, 1000, "a"));
-  EXPECT_TRUE(first_sighting(m, 90, 1000, "b") && first_sighting(m, 90, 999, "a") && first_sighting(m, 91, 1000, "a"));
-  for (int i = 0; i < static_cast<int>(cue_memory_keys); ++i) first_sighting(m, 1000 + i, 1, "x");
-  EXPECT_TRUE(m.keys.size() == cue_memory_keys && first_sighting(m, 90, 1000, "a"));
-}
-
 }  // namespace

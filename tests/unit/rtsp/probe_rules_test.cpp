@@ -2,21 +2,11 @@
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include "tests/unit/test_support.h"
-#include "v2/rtsp/rtsp_probe.h"
 #include "v2/sdp/sdp.h"
 
 namespace {
-
-sockaddr_in address_of(const char* dotted) {
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  inet_pton(AF_INET, dotted, &a.sin_addr);
-  return a;
-}
 
 // A description as the probe reads it, from its lines to where the redirect points.
 TEST(ProbeRules, DescriptionToDestination) {
@@ -40,15 +30,6 @@ TEST(ProbeRules, DescriptionToDestination) {
     const bool found = session_is_usable(s) && choose_mpegts_destination(s, d);
     EXPECT_EQ(found ? dotted_quad(d.sin_addr) + ":" + std::to_string(ntohs(d.sin_port)) : "", t.destination) << t.name;
   }
-}
-
-TEST(ProbeRules, TransportAndServerAddress) {
-  for (const char* a : {"224.0.0.1", "239.255.255.255"}) EXPECT_STREQ(setup_transport(address_of(a)), "RTP/AVP;multicast");
-  for (const char* a : {"240.0.0.1", "223.255.255.255"}) EXPECT_STREQ(setup_transport(address_of(a)), "RTP/AVP;unicast");
-  in_addr server{};
-  EXPECT_TRUE(server_address_from_url("rtsp://192.168.1.10/live", server) && dotted_quad(server) == "192.168.1.10");
-  for (const char* refused : {"rtsp://192.168.1.10:8554/live", "rtsp://camera.local/x", "rtsp://u@10.0.0.1/x"})
-    EXPECT_FALSE(server_address_from_url(refused, server)) << refused;
 }
 
 }  // namespace
