@@ -40,10 +40,9 @@ TEST(CommandLine, Table) {
 }
 
 stream_desc video(int w, int h, int codec = AV_CODEC_ID_H264) { return {AVMEDIA_TYPE_VIDEO, codec, w, h}; }
-stream_desc audio(int rate, int codec = AV_CODEC_ID_AAC) { return {AVMEDIA_TYPE_AUDIO, codec, 0, 0, rate}; }
 stream_desc subtitle(int codec, bool params = true) { return {AVMEDIA_TYPE_SUBTITLE, codec, 0, 0, 0, params}; }
 
-TEST(StreamChoice, Video) {
+TEST(StreamChoice, VideoAndWebvtt) {
   const std::vector<stream_desc> two = {video(1280, 720), video(640, 360)};
   const struct { const char* name; std::vector<stream_desc> streams; int max_w, max_h, want; } cases[] = {
       {"limit equal to the size fits", two, 1280, 720, 0},
@@ -57,30 +56,6 @@ TEST(StreamChoice, Video) {
        {{AVMEDIA_TYPE_VIDEO, AV_CODEC_ID_H264, 1920, 1080, 0, false}, video(0, 0), video(320, 240)}, -1, -1, 2},
   };
   for (const auto& c : cases) EXPECT_EQ(choose_video(c.streams, c.max_w, c.max_h), c.want) << c.name;
-}
-
-TEST(StreamChoice, Audio) {
-  const struct {
-    const char* name;
-    std::vector<stream_desc> streams;
-    int video_index, best_related;
-    bool hls, mp4;
-    int want;
-    bool repaired;
-  } cases[] = {
-      {"related best taken", {video(640, 360), audio(44100), audio(48000)}, 0, 1, false, false, 1, false},
-      {"related best of a refused codec", {video(640, 360), audio(48000, AV_CODEC_ID_OPUS), audio(8000)}, 0, 1,
-       false, false, 2, false},
-      {"related best an error: highest rate", {video(640, 360), audio(32000)}, 0, AVERROR_STREAM_NOT_FOUND, false,
-       false, 1, false},
-      {"equal rates keep the lowest index", {audio(48000), audio(48000)}, -1, -1, false, false, 0, false},
-      {"zero rate only with HLS, repaired", {audio(0)}, -1, -1, true, false, 0, true},
-      {"no repair with mp4", {audio(0)}, -1, -1, true, true, -1, false},
-  };
-  for (const auto& c : cases) {
-    const audio_choice got = choose_audio(c.streams, c.video_index, c.best_related, c.hls, c.mp4);
-    EXPECT_EQ(std::make_pair(got.index, got.rate_repaired), std::make_pair(c.want, c.repaired)) << c.name;
-  }
   EXPECT_EQ(choose_vtt({video(640, 360), subtitle(AV_CODEC_ID_SUBRIP), subtitle(AV_CODEC_ID_WEBVTT, false),
                         subtitle(AV_CODEC_ID_WEBVTT)}), 3);
 }
