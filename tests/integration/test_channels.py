@@ -73,7 +73,7 @@ class Channels(unittest.TestCase):
                 # Two channels at once, each its own relay held by its client (10 MB of source each), each
                 # read for 200 kB; then the third (audio alone, too little to hold a relay) by ffprobe.
                 self.assertEqual(harness.clients_at_once(front, [here + '/channel/7', here + '/auto/v3'], 200000, kind),
-                                 [(harness.MIME_HEAD_TS, WANT['7']), (harness.MIME_HEAD_TS, WANT['3'])])
+                                 [(harness.MIME_HEAD_TS, WANT['7']), (harness.MIME_HEAD_TS, WANT['3'])], kind)
                 self.assertEqual(harness.codecs(here + '/channel/8'), WANT['8'], kind)
                 self.assertIn("left out: 'udp://239.0.0.1:1234'", front.log_text())
                 self.assertNoSanitizerReport(front)

@@ -39,7 +39,7 @@ class Serve(unittest.TestCase):
                 client = 'http://127.0.0.1:%d/' % port
                 # Two clients at once, each read for 1 MB: the exact head, then transport packets of both streams.
                 self.assertEqual(harness.clients_at_once(front, [client] * 2, 1 << 20, kind),
-                                 [(harness.MIME_HEAD_TS, ['mp2', 'mpeg2video'])] * 2)
+                                 [(harness.MIME_HEAD_TS, ['mp2', 'mpeg2video'])] * 2, kind)
                 # A client that hangs up ends its relay at once (SIGPIPE); ffprobe is a client too.
                 self.assertTrue(harness.wait_for(lambda: not relays_in(front.pid), 2.0), kind)
                 self.assertEqual(codecs(client), ['mp2', 'mpeg2video'], kind)

@@ -42,7 +42,7 @@ TEST(CommandLine, Table) {
 stream_desc video(int w, int h, int codec = AV_CODEC_ID_H264) { return {AVMEDIA_TYPE_VIDEO, codec, w, h}; }
 stream_desc subtitle(int codec, bool params = true) { return {AVMEDIA_TYPE_SUBTITLE, codec, 0, 0, 0, params}; }
 
-TEST(StreamChoice, VideoAndWebvtt) {
+TEST(StreamChoice, Rules) {
   const std::vector<stream_desc> two = {video(1280, 720), video(640, 360)};
   const struct { const char* name; std::vector<stream_desc> streams; int max_w, max_h, want; } cases[] = {
       {"limit equal to the size fits", two, 1280, 720, 0},
@@ -58,6 +58,8 @@ TEST(StreamChoice, VideoAndWebvtt) {
   for (const auto& c : cases) EXPECT_EQ(choose_video(c.streams, c.max_w, c.max_h), c.want) << c.name;
   EXPECT_EQ(choose_vtt({video(640, 360), subtitle(AV_CODEC_ID_SUBRIP), subtitle(AV_CODEC_ID_WEBVTT, false),
                         subtitle(AV_CODEC_ID_WEBVTT)}), 3);
+  const stream_desc aac{AVMEDIA_TYPE_AUDIO, AV_CODEC_ID_AAC, 0, 0, 48000};
+  EXPECT_EQ(choose_audio({aac, aac}, -1, -1, false, false).index, 0);  // of two audio streams of one rate, the first
 }
 
 }  // namespace

@@ -78,4 +78,10 @@ TEST(WebvttSegment, TimestampMapAndCueTimes) {
   }
 }
 
+// A cue repeated in later segments is one event; two speakers with the same times are two.
+TEST(WebvttSegment, ACueIsKnownByItsTimesAndText) {
+  cue_memory m;
+  EXPECT_TRUE(first_sighting(m, 90, 1000, "a") && !first_sighting(m, 90, 1000, "a") && first_sighting(m, 90, 1000, "b"));
+}
+
 }  // namespace

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/unit/test_support.h"
+#include "v2/rtsp/rtsp_probe.h"
 #include "v2/sdp/sdp.h"
 
 namespace {
@@ -30,6 +31,8 @@ TEST(ProbeRules, DescriptionToDestination) {
     const bool found = session_is_usable(s) && choose_mpegts_destination(s, d);
     EXPECT_EQ(found ? dotted_quad(d.sin_addr) + ":" + std::to_string(ntohs(d.sin_port)) : "", t.destination) << t.name;
   }
+  const sockaddr_in class_e{AF_INET, 0, {htonl(0xF0000001)}, {}};  // 240.0.0.1, past the multicast range
+  EXPECT_STREQ(setup_transport(class_e), "RTP/AVP;unicast");
 }
 
 }  // namespace
